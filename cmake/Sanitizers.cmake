@@ -1,0 +1,18 @@
+# RESTCLIENT_SANITIZE: a list of sanitizers (address, undefined, thread, leak) applied to
+# everything built here. Each flag is checked to compile before it is used.
+set(RESTCLIENT_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. 'address;undefined' or 'thread'")
+
+include(CheckCXXSourceCompiles)
+foreach(sanitizer IN LISTS RESTCLIENT_SANITIZE)
+  set(flag "-fsanitize=${sanitizer}")
+  set(CMAKE_REQUIRED_FLAGS "${flag}")
+  set(CMAKE_REQUIRED_LINK_OPTIONS "${flag}")
+  check_cxx_source_compiles("int main() { return 0; }" RESTCLIENT_HAS_SANITIZER_${sanitizer})
+  unset(CMAKE_REQUIRED_FLAGS)
+  unset(CMAKE_REQUIRED_LINK_OPTIONS)
+  if(NOT RESTCLIENT_HAS_SANITIZER_${sanitizer})
+    message(FATAL_ERROR "The compiler does not support ${flag}")
+  endif()
+  add_compile_options(${flag} -fno-omit-frame-pointer)
+  add_link_options(${flag})
+endforeach()

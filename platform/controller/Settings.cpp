@@ -1,0 +1,114 @@
+#include <platform/controller/Settings.h>
+
+#include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/trim.hpp>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+namespace tavix::controller {
+
+namespace {
+
+class SettingsCategory : public boost::system::error_category {
+public:
+    char const* name() const noexcept override { return "tavix.settings"; }
+    std::string message(int value) const override
+    {
+        switch (static_cast<SettingsError>(value)) {
+        case SettingsError::unreadable: return "controller settings file cannot be read";
+        case SettingsError::malformedLine: return "controller settings line is not 'key = value'";
+        case SettingsError::unknownKey: return "unknown controller setting";
+        case SettingsError::badValue: return "bad controller setting value";
+        }
+        return "controller settings error";
+    }
+};
+
+bool parseBool(std::string text, bool& out)
+{
+    boost::algorithm::to_lower(text);
+    if (text == "true" || text == "yes" || text == "1") return out = true, true;
+    if (text == "false" || text == "no" || text == "0") return out = false, true;
+    return false;
+}
+
+} // namespace
+
+boost::system::error_category const& settings_category()
+{
+    static SettingsCategory const category;
+    return category;
+}
+
+boost::system::error_code make_error_code(SettingsError e)
+{
+    return {static_cast<int>(e), settings_category()};
+}
+
+std::string Settings::path()
+{
+    char const* fromEnv = std::getenv("TAVIX_CONTROLLER_CONFIG");
+    return fromEnv && *fromEnv ? fromEnv : "/etc/tavix/controller.conf";
+}
+
+Settings Settings::load(boost::system::error_code& ec, std::string* detail)
+{
+    std::string const file = path();
+    std::ifstream in(file);
+    if (!in) {
+        if (errno == ENOENT) {
+            ec = {};
+            return {};
+        }
+        ec = SettingsError::unreadable;
+        if (detail) *detail = file + ": cannot be read";
+        return {};
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    Settings settings = parse(text.str(), ec, detail);
+    if (ec && detail) *detail = file + ":" + *detail;
+    return settings;
+}
+
+Settings Settings::parse(std::string const& text, boost::system::error_code& ec, std::string* detail)
+{
+    Settings s;
+    std::map<std::string, std::string*> const strings = {
+        {"locator_url", &s.locatorUrl},   {"auth_url", &s.authUrl}, {"client_cert_file", &s.clientCertFile},
+        {"ca_file", &s.caFile},           {"common_name", &s.commonName},
+    };
+    auto fail = [&](SettingsError e, int lineNo, std::string const& why) {
+        ec = e;
+        if (detail) *detail = std::to_string(lineNo) + ": " + why;
+        return Settings{};
+    };
+
+    std::istringstream lines(text);
+    std::string line;
+    for (int lineNo = 1; std::getline(lines, line); ++lineNo) {
+        boost::algorithm::trim(line);
+        if (line.empty() || line.front() == '#') continue;
+        auto const eq = line.find('=');
+        if (eq == std::string::npos) return fail(SettingsError::malformedLine, lineNo, "expected 'key = value'");
+        std::string const key = boost::algorithm::trim_copy(line.substr(0, eq));
+        std::string const value = boost::algorithm::trim_copy(line.substr(eq + 1));
+        if (key == "disable_tls") {
+            if (!parseBool(value, s.disableTls)) {
+                return fail(SettingsError::badValue, lineNo, "disable_tls must be true or false, not '" + value + "'");
+            }
+            continue;
+        }
+        auto const field = strings.find(key);
+        if (field == strings.end()) return fail(SettingsError::unknownKey, lineNo, "unknown key '" + key + "'");
+        *field->second = value;
+    }
+    ec = {};
+    return s;
+}
+
+} // namespace tavix::controller

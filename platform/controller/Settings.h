@@ -1,0 +1,40 @@
+// The controller's provisioning settings: a file of `key = value` lines named by the
+// environment variable TAVIX_CONTROLLER_CONFIG (default /etc/tavix/controller.conf).
+// It is read afresh at each use, so a re-provisioned device needs no restart.
+#pragma once
+
+#include <platform/Export.h>
+
+#include <boost/system/error_code.hpp>
+
+#include <string>
+
+namespace tavix::controller {
+
+// Errors of `Settings::load` (a missing file is not one: it means nothing is configured).
+enum class SettingsError { unreadable = 1, malformedLine, unknownKey, badValue };
+TAVIX_EXPORT boost::system::error_category const& settings_category();
+TAVIX_EXPORT boost::system::error_code make_error_code(SettingsError e);
+
+struct TAVIX_EXPORT Settings {
+    std::string locatorUrl;      // locator_url
+    std::string authUrl;         // auth_url: token endpoint
+    std::string clientCertFile;  // client_cert_file: PEM with certificate and key
+    std::string caFile;          // ca_file: CA bundle for HTTPS REST peers
+    bool disableTls = false;     // disable_tls
+    std::string commonName;      // common_name
+
+    static std::string path();
+    // Reads `path()`. On error `ec` is set, `detail` (when given) says where and why, and the
+    // settings returned are empty.
+    static Settings load(boost::system::error_code& ec, std::string* detail = nullptr);
+    static Settings parse(std::string const& text, boost::system::error_code& ec,
+                          std::string* detail = nullptr);
+};
+
+} // namespace tavix::controller
+
+namespace boost::system {
+template <>
+struct is_error_code_enum<tavix::controller::SettingsError> : std::true_type {};
+} // namespace boost::system

@@ -1,0 +1,52 @@
+// Asynchronous HTTP/1.1 client over Boost.Beast, with TLS through Boost.Asio SSL.
+// Each started exchange ends in exactly one call of the completion, on a thread that runs
+// the io_context; connect and exchange time-outs and a body size limit keep a broken or
+// hostile peer from hanging or exhausting the caller.
+#pragma once
+
+#include <platform/Export.h>
+#include <platform/net/http/HttpMessage.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/function.hpp>
+#include <boost/system/error_code.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+
+namespace tavix::net::http {
+
+struct ClientOptions {
+    std::chrono::milliseconds connectTimeout{10000};   // resolve, connect and TLS handshake
+    std::chrono::milliseconds exchangeTimeout{60000};  // the whole exchange, connect included
+    std::size_t maxBodySize = 16 * 1024 * 1024;        // a larger response body is an error
+};
+
+class TAVIX_EXPORT HttpClient {
+public:
+    using Completion = boost::function<void(HttpResponse const&, boost::system::error_code const&)>;
+
+    HttpClient(boost::asio::io_context& io, Completion completion);
+    HttpClient(boost::asio::io_context& io, Completion completion, ClientOptions const& options);
+    HttpClient(HttpClient const&) = delete;
+    HttpClient& operator=(HttpClient const&) = delete;
+    // Does not cancel an exchange in flight: it finishes and calls its completion.
+    ~HttpClient();
+
+    // Starts one exchange; the result is the error of starting it (then no completion follows).
+    boost::system::error_code asyncRequest(HttpRequest const& request);
+
+    // Ends the connection of the last exchange; `force` shuts the socket down at once.
+    void close(bool force);
+
+    // Options given to clients constructed without their own.
+    static void setDefaultOptions(ClientOptions const& options);
+    static ClientOptions defaultOptions();
+
+private:
+    struct State;
+    std::shared_ptr<State> m_state;
+};
+
+} // namespace tavix::net::http

@@ -1,0 +1,288 @@
+#include <restclient/RestClient.h>
+
+#include <restclient/veltrun/TavixErrorResponse.h>
+#include <tools/emulator/HttpServer.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace tavix::restclient {
+namespace {
+
+using emulator::Fault;
+using emulator::HttpServer;
+namespace http = boost::beast::http;
+using namespace std::chrono_literals;
+
+// A success document that remembers what it was given.
+struct Doc : IWebResponse {
+    void handleResponse(Json::Value const& document) override
+    {
+        seen = document;
+        filled = true;
+    }
+    Json::Value seen;
+    bool filled = false;
+};
+
+using Engine = RestClient<Doc, veltrun::TavixErrorResponse>;
+
+struct Outcome {
+    int calls = 0;
+    Doc doc;
+    veltrun::TavixErrorResponse error;
+    unsigned int status = 0;
+    boost::system::error_code ec;
+    std::thread::id thread;
+};
+
+class RestClientTest : public ::testing::Test {
+protected:
+    void reply(unsigned int status, std::string body)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_status = status;
+        m_body = std::move(body);
+    }
+
+    std::unique_ptr<Engine> engine(std::string const& url, bool withCallback = true)
+    {
+        Engine::Callback callback;
+        if (withCallback) {
+            callback = [this](Doc const& doc, veltrun::TavixErrorResponse error, unsigned int status,
+                              boost::system::error_code const& ec) {
+                ++outcome.calls;
+                outcome.doc = doc;
+                outcome.error = error;
+                outcome.status = status;
+                outcome.ec = ec;
+                outcome.thread = std::this_thread::get_id();
+            };
+        }
+        auto client = std::make_unique<Engine>(io, callback);
+        boost::system::error_code ec;
+        client->request().url(net::http::Url::createUrl(url, ec));
+        EXPECT_FALSE(ec) << url;
+        client->request().accept("application/json");
+        return client;
+    }
+
+    std::string url(std::string const& target = "/doc") const { return server.baseUrl() + target; }
+
+    void runIo() { io.run_for(20s); }
+
+    std::mutex m_mutex;
+    unsigned int m_status = 200;
+    std::string m_body = R"({"a": 1})";
+    HttpServer server{[this](emulator::Request const&) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        emulator::Response response{static_cast<http::status>(m_status), 11};
+        response.body() = m_body;
+        response.prepare_payload();
+        return response;
+    }};
+    boost::asio::io_context io;
+    Outcome outcome;
+};
+
+TEST_F(RestClientTest, AnswerWithStatus200FillsTheSuccessDocumentOnTheIoThread)
+{
+    auto client = engine(url("//v1/accounts/current"));
+    ASSERT_FALSE(client->asyncRequest(http::verb::get));
+    runIo();
+
+    ASSERT_EQ(outcome.calls, 1);
+    EXPECT_EQ(outcome.thread, std::this_thread::get_id());
+    EXPECT_EQ(outcome.status, 200u);
+    EXPECT_FALSE(outcome.ec);
+    EXPECT_TRUE(outcome.doc.filled);
+    EXPECT_EQ(outcome.doc.seen["a"], 1);
+    EXPECT_EQ(outcome.error.code.value, 0u);
+
+    auto const request = server.lastRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->requestLine, "GET //v1/accounts/current HTTP/1.1");
+    EXPECT_FALSE(request->header("Content-Length"));
+}
+
+TEST_F(RestClientTest, ContentLengthIsSetOnlyForAPayload)
+{
+    auto client = engine(url());
+    client->request().payload("{}");
+    ASSERT_FALSE(client->asyncRequest(http::verb::put));
+    runIo();
+
+    auto const request = server.lastRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->method, "PUT");
+    EXPECT_EQ(request->header("Content-Length"), std::optional<std::string>("2"));
+    EXPECT_EQ(request->body, "{}");
+}
+
+TEST_F(RestClientTest, EveryStatusButExactly200GoesToTheErrorDocument)
+{
+    struct Case {
+        unsigned int status;
+        std::string body;
+        unsigned int code;
+    };
+    for (Case const& c : {Case{201, R"({"code": 7, "a": 1})", 7}, Case{401, R"({"TavixErrorResponse": {"code": 401}})", 401},
+                          Case{500, "not json", 0}, Case{404, "", 0}}) {
+        reply(c.status, c.body);
+        outcome = Outcome();
+        auto client = engine(url());
+        ASSERT_FALSE(client->asyncRequest(http::verb::get));
+        io.restart();
+        runIo();
+
+        ASSERT_EQ(outcome.calls, 1) << c.status;
+        EXPECT_EQ(outcome.status, c.status);
+        EXPECT_FALSE(outcome.ec) << c.status << ": " << outcome.ec.message();
+        EXPECT_FALSE(outcome.doc.filled) << c.status;
+        EXPECT_EQ(outcome.error.code.value, c.code) << c.status;
+    }
+}
+
+TEST_F(RestClientTest, A200BodyThatIsNotJsonIsABadMessage)
+{
+    reply(200, "<html>");
+    auto client = engine(url());
+    ASSERT_FALSE(client->asyncRequest(http::verb::get));
+    runIo();
+
+    ASSERT_EQ(outcome.calls, 1);
+    EXPECT_EQ(outcome.ec, boost::system::errc::make_error_code(boost::system::errc::bad_message));
+    EXPECT_EQ(outcome.ec.value(), 74);
+    EXPECT_EQ(outcome.status, 200u);
+    EXPECT_FALSE(outcome.doc.filled);
+}
+
+TEST_F(RestClientTest, TransportFailuresReachTheCallbackWithDefaultDocuments)
+{
+    server.pushFault(Fault::dropConnection());
+    auto dropped = engine(url());
+    ASSERT_FALSE(dropped->asyncRequest(http::verb::get));
+    runIo();
+    ASSERT_EQ(outcome.calls, 1);
+    EXPECT_TRUE(outcome.ec);
+    EXPECT_FALSE(outcome.doc.filled);
+
+    // A port nobody listens on: take one from a server that has gone away.
+    std::string refusedUrl;
+    {
+        HttpServer gone([](emulator::Request const&) { return emulator::Response(); });
+        refusedUrl = gone.baseUrl() + "/doc";
+    }
+    outcome = Outcome();
+    auto refused = engine(refusedUrl);
+    ASSERT_FALSE(refused->asyncRequest(http::verb::get));
+    io.restart();
+    runIo();
+    ASSERT_EQ(outcome.calls, 1);
+    EXPECT_TRUE(outcome.ec);
+    EXPECT_EQ(outcome.status, 0u);
+}
+
+TEST_F(RestClientTest, ASilentServerEndsInATimeOutNotAHang)
+{
+    auto const saved = net::http::HttpClient::defaultOptions();
+    auto options = saved;
+    options.exchangeTimeout = 300ms;
+    net::http::HttpClient::setDefaultOptions(options);
+    server.pushFault(Fault::neverAnswer());
+
+    auto client = engine(url());
+    ASSERT_FALSE(client->asyncRequest(http::verb::get));
+    runIo();
+    net::http::HttpClient::setDefaultOptions(saved);
+
+    ASSERT_EQ(outcome.calls, 1);
+    EXPECT_TRUE(outcome.ec);
+    EXPECT_FALSE(outcome.doc.filled);
+}
+
+TEST_F(RestClientTest, RequestsThatCannotStartReturnAnErrorAndNeverCallBack)
+{
+    Engine withoutUrl(io, [this](Doc const&, veltrun::TavixErrorResponse, unsigned int,
+                                 boost::system::error_code const&) { ++outcome.calls; });
+    EXPECT_EQ(withoutUrl.asyncRequest(http::verb::get),
+              boost::system::errc::make_error_code(boost::system::errc::invalid_argument));
+
+    auto ftp = engine("ftp://127.0.0.1:1/doc");
+    EXPECT_TRUE(ftp->asyncRequest(http::verb::get));
+    runIo();
+    EXPECT_EQ(outcome.calls, 0);
+}
+
+TEST_F(RestClientTest, OneEngineDeliversOneCompletionAtMost)
+{
+    auto client = engine(url());
+    ASSERT_FALSE(client->asyncRequest(http::verb::get));
+    ASSERT_FALSE(client->asyncRequest(http::verb::get));
+    runIo();
+    EXPECT_EQ(outcome.calls, 0);
+
+    outcome = Outcome();
+    auto second = engine(url());
+    ASSERT_FALSE(second->asyncRequest(http::verb::get));
+    io.restart();
+    runIo();
+    ASSERT_EQ(outcome.calls, 1);
+    ASSERT_FALSE(second->asyncRequest(http::verb::get));
+    io.restart();
+    runIo();
+    EXPECT_EQ(outcome.calls, 1);
+    EXPECT_EQ(server.requests().size(), 4u);
+}
+
+TEST_F(RestClientTest, DestroyingTheEngineBeforeTheAnswerDropsTheCompletion)
+{
+    server.pushFault(Fault::delayBy(100ms));
+    auto client = engine(url());
+    ASSERT_FALSE(client->asyncRequest(http::verb::get));
+    client.reset();
+    runIo();
+    EXPECT_EQ(outcome.calls, 0);
+}
+
+TEST_F(RestClientTest, AnEmptyCallbackOnlyClosesTheExchange)
+{
+    auto client = engine(url(), false);
+    ASSERT_FALSE(client->asyncRequest(http::verb::get));
+    runIo();
+    EXPECT_EQ(server.requests().size(), 1u);
+}
+
+TEST(RestClientTls, AServerTheClientDoesNotTrustIsNeverASuccess)
+{
+    HttpServer untrusted([](emulator::Request const&) {
+        emulator::Response response{http::status::ok, 11};
+        response.body() = "{}";
+        response.prepare_payload();
+        return response;
+    }, emulator::TlsFiles{RESTCLIENT_TEST_CERT_DIR "/untrusted.pem", RESTCLIENT_TEST_CERT_DIR "/untrusted-key.pem"});
+
+    boost::asio::io_context io;
+    int calls = 0;
+    boost::system::error_code result;
+    Engine client(io, [&](Doc const&, veltrun::TavixErrorResponse, unsigned int, boost::system::error_code const& ec) {
+        ++calls;
+        result = ec;
+    });
+    boost::system::error_code ec;
+    client.request().url(net::http::Url::createUrl(untrusted.baseUrl() + "/doc", ec));
+    ASSERT_FALSE(ec);
+    ASSERT_FALSE(client.asyncRequest(http::verb::get));
+    io.run_for(20s);
+
+    ASSERT_EQ(calls, 1);
+    EXPECT_TRUE(result);
+    EXPECT_TRUE(untrusted.requests().empty());
+}
+
+} // namespace
+} // namespace tavix::restclient
