@@ -23,5 +23,8 @@ install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/restclientConfigVersion.cmake
   DESTINATION ${RESTCLIENT_CMAKE_DIR})
 
+# A relocatable prefix, so that the package works wherever the install tree is put.
+file(RELATIVE_PATH RESTCLIENT_PC_TO_PREFIX
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/restclient.pc.in ${CMAKE_CURRENT_BINARY_DIR}/restclient.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/restclient.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -27,7 +27,7 @@ struct CapturedRequest {
     std::string target;       // as sent: doubled slashes and query text untouched
     std::vector<std::pair<std::string, std::string>> headers;  // in the order sent
     std::string body;         // empty when the body was streamed to a file
-    std::string clientCommonName;  // CN of the TLS client certificate; empty when none was sent
+    std::string clientCommonName{};  // CN of the TLS client certificate; empty when none was sent
 
     // The first header of that name (case-insensitive), or nullopt.
     std::optional<std::string> header(std::string const& name) const;
@@ -49,7 +49,7 @@ struct Fault {
 struct TlsFiles {
     std::string certificateChain;  // PEM
     std::string privateKey;        // PEM
-    std::string clientCa;          // PEM; when set, clients are asked for a certificate it signed
+    std::string clientCa{};        // PEM; when set, clients are asked for a certificate it signed
 };
 
 class HttpServer {

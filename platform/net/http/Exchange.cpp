@@ -1,0 +1,196 @@
+#include <platform/net/http/ErrorCategories.h>
+
+#include <platform/net/http/Exchange.h>
+
+#include <boost/asio/bind_executor.hpp>
+#include <boost/asio/connect.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/beast/core/error.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/write.hpp>
+
+namespace tavix::net::http {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+using boost::system::error_code;
+using asio::ip::tcp;
+using beast::http::field;
+
+namespace {
+
+std::string hostField(Url const& url)
+{
+    bool const ipv6 = url.host().find(':') != std::string::npos;
+    std::string host = ipv6 ? "[" + url.host() + "]" : url.host();
+    unsigned short const defaultPort = url.scheme() == "https" ? 443 : 80;
+    if (url.port() != defaultPort) host += ":" + std::to_string(url.port());
+    return host;
+}
+
+} // namespace
+
+Exchange::Exchange(std::shared_ptr<Connection> connection, HttpRequest const& request, ClientOptions const& options,
+                   HttpClient::Completion completion)
+    : m_connection(std::move(connection))
+    , m_host(request.url().host())
+    , m_port(request.url().port())
+    , m_options(options)
+    , m_completion(std::move(completion))
+    , m_timer(m_connection->strand().context())
+{
+    auto const& fields = request.fields();
+    m_request.method(request.method());
+    m_request.target(request.url().target());
+    m_request.version(11);
+    if (fields.find(field::host) == fields.end()) m_request.set(field::host, hostField(request.url()));
+    for (auto const& f : fields) m_request.insert(f.name_string(), f.value());
+    // One exchange per connection for now; the server may end it after the response.
+    if (fields.find(field::connection) == fields.end()) m_request.set(field::connection, "close");
+    // The caller sets Content-Length for a body; an empty body gets none (not even "0").
+    if (!request.payload().empty() && fields.find(field::content_length) == fields.end() &&
+        fields.find(field::transfer_encoding) == fields.end()) {
+        m_request.set(field::content_length, std::to_string(request.payload().size()));
+    }
+    m_request.body() = request.payload();
+    m_parser.body_limit(m_options.maxBodySize);
+    // Room for a typical answer in one read.
+    m_buffer.reserve(4096);
+    // The answer to HEAD has no body, whatever its Content-Length says.
+    m_parser.skip(request.method() == beast::http::verb::head);
+}
+
+void Exchange::start()
+{
+    asio::post(m_connection->strand(), [self = shared_from_this()] { self->begin(); });
+}
+
+void Exchange::begin()
+{
+    error_code ec;
+    if (interrupted(ec)) return finish(ec);
+    auto const now = Clock::now();
+    m_exchangeDeadline = now + m_options.exchangeTimeout;
+    armTimer(std::min(now + m_options.connectTimeout, m_exchangeDeadline));
+
+    error_code notAnAddress;
+    auto const address = asio::ip::make_address(m_host, notAnAddress);
+    if (!notAnAddress) {
+        // No resolver for an IP literal: it would cost a hop through the resolver's thread.
+        m_connection->socket().async_connect(tcp::endpoint(address, m_port),
+                                             onStrand([self = shared_from_this()](error_code ec) { self->onConnect(ec); }));
+        return;
+    }
+    m_resolver.emplace(m_connection->strand().context());
+    m_resolver->async_resolve(m_host, std::to_string(m_port),
+                              onStrand([self = shared_from_this()](error_code ec, tcp::resolver::results_type endpoints) {
+                                  self->onResolve(ec, std::move(endpoints));
+                              }));
+}
+
+void Exchange::onResolve(error_code ec, tcp::resolver::results_type endpoints)
+{
+    if (interrupted(ec)) return finish(ec);
+    asio::async_connect(m_connection->socket(), endpoints,
+                        onStrand([self = shared_from_this()](error_code ec, tcp::endpoint const&) { self->onConnect(ec); }));
+}
+
+void Exchange::onConnect(error_code ec)
+{
+    if (interrupted(ec)) return finish(ec);
+    Connection::TlsStream* tls = m_connection->tls();
+    if (!tls) return onHandshake({});
+    // The request follows the client's last handshake record at once: Nagle would hold it back
+    // until that record is acknowledged.
+    error_code ignored;
+    m_connection->socket().set_option(tcp::no_delay(true), ignored);
+    m_connection->expectPeer(m_host);
+    tls->async_handshake(asio::ssl::stream_base::client,
+                         onStrand([self = shared_from_this()](error_code ec) { self->onHandshake(ec); }));
+}
+
+void Exchange::onHandshake(error_code ec)
+{
+    if (interrupted(ec)) return finish(ec);
+    m_connected = true;
+    m_connection->withStream([this](auto& stream) {
+        beast::http::async_write(stream, m_request,
+                                 onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onWrite(ec); }));
+    });
+}
+
+void Exchange::onWrite(error_code ec)
+{
+    if (interrupted(ec)) return finish(ec);
+    // The head alone first: Beast 1.74 forgets a Content-Length over the body limit when the
+    // body arrives in the same read as the head, and would then allocate the whole body.
+    m_connection->withStream([this](auto& stream) {
+        beast::http::async_read_header(stream, m_buffer, m_parser,
+                                       onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onHead(ec); }));
+    });
+}
+
+void Exchange::onHead(error_code ec)
+{
+    if (interrupted(ec)) return finish(ec);
+    // A body that came with the head (the usual small answer) is parsed here and now, which
+    // spares a trip through the io_context.
+    if (!m_parser.is_done() && m_buffer.size() > 0) {
+        m_parser.eager(true);
+        m_buffer.consume(m_parser.put(m_buffer.data(), ec));
+        if (ec && ec != beast::http::error::need_more) return finish(ec);
+    }
+    if (m_parser.is_done()) return finish({});
+    m_connection->withStream([this](auto& stream) {
+        beast::http::async_read(stream, m_buffer, m_parser,
+                                onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onRead(ec); }));
+    });
+}
+
+void Exchange::onRead(error_code ec)
+{
+    finish(ec);
+}
+
+bool Exchange::interrupted(error_code& ec) const
+{
+    if (m_timedOut) ec = beast::error::timeout;
+    else if (!ec && m_connection->closed()) ec = asio::error::operation_aborted;
+    return bool(ec);
+}
+
+void Exchange::finish(error_code ec)
+{
+    if (m_finished) return;
+    m_finished = true;
+    m_timer.cancel();
+    if (ec && m_timedOut) ec = beast::error::timeout;
+    if (ec) m_connection->close();
+
+    HttpResponse response;
+    if (m_parser.is_header_done()) {
+        auto& message = m_parser.get();
+        response = HttpResponse(message.result_int(), std::move(message.base()), std::move(message.body()));
+    }
+    HttpClient::Completion completion;
+    completion.swap(m_completion);
+    if (completion) completion(response, ec);
+}
+
+void Exchange::armTimer(Clock::time_point deadline)
+{
+    m_timer.expires_at(deadline);
+    m_timer.async_wait(onStrand([self = shared_from_this()](error_code ec) { self->onTimer(ec); }));
+}
+
+void Exchange::onTimer(error_code ec)
+{
+    if (ec || m_finished) return;
+    // Armed once, for the nearer deadline: connected by then, the exchange has until the other.
+    if (m_connected && Clock::now() < m_exchangeDeadline) return armTimer(m_exchangeDeadline);
+    m_timedOut = true;
+    if (m_resolver) m_resolver->cancel();
+    m_connection->close();
+}
+
+} // namespace tavix::net::http

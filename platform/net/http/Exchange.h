@@ -1,0 +1,69 @@
+// One HTTP request and its response over a fresh connection: resolve (names only), connect,
+// TLS handshake, write, read, one stage per handler. It keeps itself alive through its
+// handlers, so it finishes (and calls its completion once) even when its client is gone.
+#pragma once
+
+#include <platform/net/http/Connection.h>
+#include <platform/net/http/HttpClient.h>
+
+#include <boost/asio/bind_executor.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/string_body.hpp>
+
+#include <optional>
+
+namespace tavix::net::http {
+
+class Exchange : public std::enable_shared_from_this<Exchange> {
+public:
+    Exchange(std::shared_ptr<Connection> connection, HttpRequest const& request, ClientOptions const& options,
+             HttpClient::Completion completion);
+
+    // Runs on the connection's strand; may be called from any thread.
+    void start();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void begin();
+    void onResolve(boost::system::error_code ec, boost::asio::ip::tcp::resolver::results_type endpoints);
+    void onConnect(boost::system::error_code ec);
+    void onHandshake(boost::system::error_code ec);
+    void onWrite(boost::system::error_code ec);
+    void onHead(boost::system::error_code ec);
+    void onRead(boost::system::error_code ec);
+    // A stage that completed after a time-out or a close still ends the exchange with an error.
+    bool interrupted(boost::system::error_code& ec) const;
+    void finish(boost::system::error_code ec);
+
+    template <class Handler>
+    auto onStrand(Handler&& handler)
+    {
+        return boost::asio::bind_executor(m_connection->strand(), std::forward<Handler>(handler));
+    }
+
+    void armTimer(Clock::time_point deadline);
+    void onTimer(boost::system::error_code ec);
+
+    std::shared_ptr<Connection> m_connection;
+    std::string m_host;
+    unsigned short m_port;
+    ClientOptions m_options;
+    HttpClient::Completion m_completion;
+    boost::beast::http::request<boost::beast::http::string_body> m_request;
+
+    std::optional<boost::asio::ip::tcp::resolver> m_resolver;
+    boost::asio::steady_timer m_timer;
+    Clock::time_point m_exchangeDeadline;
+    bool m_connected = false;  // and the TLS handshake done
+    bool m_timedOut = false;
+    bool m_finished = false;
+
+    boost::beast::flat_buffer m_buffer;
+    boost::beast::http::response_parser<boost::beast::http::string_body> m_parser;
+};
+
+} // namespace tavix::net::http

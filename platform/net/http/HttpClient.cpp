@@ -1,0 +1,100 @@
+#include <platform/net/http/ErrorCategories.h>
+
+#include <platform/net/http/HttpClient.h>
+
+#include <platform/controller/Settings.h>
+#include <platform/net/http/Connection.h>
+#include <platform/net/http/Exchange.h>
+#include <platform/net/http/TlsContextCache.h>
+
+#include <boost/asio/dispatch.hpp>
+
+#include <mutex>
+
+namespace tavix::net::http {
+
+namespace asio = boost::asio;
+using boost::system::error_code;
+
+namespace {
+
+std::mutex s_defaultsMutex;
+ClientOptions s_defaults;
+
+} // namespace
+
+struct HttpClient::State {
+    State(asio::io_context& io, Completion completion, ClientOptions const& options)
+        : io(io), completion(std::move(completion)), options(options)
+    {}
+
+    asio::io_context& io;
+    Completion completion;
+    ClientOptions options;
+    std::mutex mutex;
+    std::shared_ptr<Connection> connection;  // of the last exchange
+};
+
+HttpClient::HttpClient(asio::io_context& io, Completion completion)
+    : HttpClient(io, std::move(completion), defaultOptions())
+{}
+
+HttpClient::HttpClient(asio::io_context& io, Completion completion, ClientOptions const& options)
+    : m_state(std::make_shared<State>(io, std::move(completion), options))
+{}
+
+HttpClient::~HttpClient() = default;
+
+error_code HttpClient::asyncRequest(HttpRequest const& request)
+{
+    Url const& url = request.url();
+    if (!url.isValid() || url.host().empty()) return make_error_code(boost::system::errc::invalid_argument);
+    bool const secure = url.scheme() == "https";
+    if (!secure && url.scheme() != "http") return make_error_code(boost::system::errc::protocol_not_supported);
+
+    std::shared_ptr<asio::ssl::context> tls;
+    if (secure) {
+        error_code ec;
+        // Read at each use: a re-provisioned device needs no restart.
+        auto const settings = controller::Settings::load(ec);
+        if (ec) return ec;
+        tls = sharedTlsContext(settings.caFile, settings.clientCertFile, ec);
+        if (ec) return ec;
+    }
+
+    auto connection = std::make_shared<Connection>(m_state->io, std::move(tls));
+    {
+        std::lock_guard<std::mutex> lock(m_state->mutex);
+        m_state->connection = connection;
+    }
+    std::make_shared<Exchange>(std::move(connection), request, m_state->options, m_state->completion)->start();
+    return {};
+}
+
+void HttpClient::close(bool force)
+{
+    std::shared_ptr<Connection> connection;
+    {
+        std::lock_guard<std::mutex> lock(m_state->mutex);
+        connection.swap(m_state->connection);
+    }
+    if (!connection) return;
+    asio::dispatch(connection->strand(), [connection, force] {
+        if (force) connection->close();
+        else connection->shutdown();
+    });
+}
+
+void HttpClient::setDefaultOptions(ClientOptions const& options)
+{
+    std::lock_guard<std::mutex> lock(s_defaultsMutex);
+    s_defaults = options;
+}
+
+ClientOptions HttpClient::defaultOptions()
+{
+    std::lock_guard<std::mutex> lock(s_defaultsMutex);
+    return s_defaults;
+}
+
+} // namespace tavix::net::http

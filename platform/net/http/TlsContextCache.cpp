@@ -1,0 +1,77 @@
+#include <platform/net/http/ErrorCategories.h>
+
+#include <platform/net/http/TlsContextCache.h>
+
+#include <sys/stat.h>
+
+#include <ctime>
+#include <mutex>
+#include <tuple>
+
+namespace tavix::net::http {
+
+namespace ssl = boost::asio::ssl;
+using boost::system::error_code;
+
+namespace {
+
+// A file named in the settings, with its change time, so that a file replaced in place (a
+// re-provisioned device) is noticed too.
+struct FileStamp {
+    std::string path;
+    std::time_t changed = 0;
+    long changedNs = 0;
+
+    explicit FileStamp(std::string const& file) : path(file)
+    {
+        struct stat info {};
+        if (!path.empty() && ::stat(path.c_str(), &info) == 0) {
+            changed = info.st_mtim.tv_sec;
+            changedNs = info.st_mtim.tv_nsec;
+        }
+    }
+    bool operator==(FileStamp const& other) const
+    {
+        return std::tie(path, changed, changedNs) == std::tie(other.path, other.changed, other.changedNs);
+    }
+};
+
+std::shared_ptr<ssl::context> build(std::string const& caFile, std::string const& clientCertFile, error_code& ec)
+{
+    auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
+    context->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3 |
+                             ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1,
+                         ec);
+    if (!ec) context->set_verify_mode(ssl::verify_peer, ec);
+    if (!ec) caFile.empty() ? context->set_default_verify_paths(ec) : context->load_verify_file(caFile, ec);
+    if (!ec && !clientCertFile.empty()) {
+        context->use_certificate_chain_file(clientCertFile, ec);
+        if (!ec) context->use_private_key_file(clientCertFile, ssl::context::pem, ec);
+    }
+    if (ec) return nullptr;
+    return context;
+}
+
+} // namespace
+
+std::shared_ptr<ssl::context> sharedTlsContext(std::string const& caFile, std::string const& clientCertFile,
+                                               error_code& ec)
+{
+    static std::mutex mutex;
+    static std::shared_ptr<ssl::context> cached;
+    static FileStamp cachedCa{""}, cachedCert{""};
+
+    FileStamp const ca(caFile), cert(clientCertFile);
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!cached || !(ca == cachedCa) || !(cert == cachedCert)) {
+        auto fresh = build(caFile, clientCertFile, ec);
+        if (!fresh) return nullptr;
+        cached = std::move(fresh);
+        cachedCa = ca;
+        cachedCert = cert;
+    }
+    ec = {};
+    return cached;
+}
+
+} // namespace tavix::net::http

@@ -1,0 +1,83 @@
+#include <platform/controller/Settings.h>
+
+#include <tests/support/ScopedControllerConfig.h>
+
+#include <gtest/gtest.h>
+
+namespace tavix::controller {
+namespace {
+
+TEST(SettingsTest, ReadsEveryKeySkippingCommentsAndBlankLines)
+{
+    boost::system::error_code ec;
+    Settings const s = Settings::parse("# provisioning\n"
+                                       "\n"
+                                       "  locator_url = https://locator.example/v1?a=b  \n"
+                                       "auth_url=https://auth.example/token\n"
+                                       "\tclient_cert_file = /etc/tavix/client.pem\r\n"
+                                       "ca_file = /etc/tavix/ca.pem\n"
+                                       "   # indented comment\n"
+                                       "disable_tls = Yes\n"
+                                       "common_name = device 42\n",
+                                       ec);
+    ASSERT_FALSE(ec) << ec.message();
+    EXPECT_EQ(s.locatorUrl, "https://locator.example/v1?a=b");  // split at the first '='
+    EXPECT_EQ(s.authUrl, "https://auth.example/token");
+    EXPECT_EQ(s.clientCertFile, "/etc/tavix/client.pem");
+    EXPECT_EQ(s.caFile, "/etc/tavix/ca.pem");
+    EXPECT_TRUE(s.disableTls);
+    EXPECT_EQ(s.commonName, "device 42");
+}
+
+TEST(SettingsTest, ABadLineIsAnErrorThatSaysWhere)
+{
+    struct Case {
+        std::string text;
+        SettingsError error;
+        std::string where;
+    };
+    for (Case const& c : {Case{"ca_file = a\nnot a setting\n", SettingsError::malformedLine, "2: "},
+                          Case{"\ncolour = blue\n", SettingsError::unknownKey, "2: unknown key 'colour'"},
+                          Case{"disable_tls = maybe\n", SettingsError::badValue, "1: "}}) {
+        boost::system::error_code ec;
+        std::string detail;
+        Settings const s = Settings::parse(c.text, ec, &detail);
+        EXPECT_EQ(ec, c.error) << c.text;
+        EXPECT_EQ(detail.rfind(c.where, 0), 0u) << detail;
+        EXPECT_EQ(s.caFile, "") << "nothing half-read is returned";
+    }
+}
+
+TEST(SettingsTest, LoadReadsTheFileNamedByTheEnvironment)
+{
+    testing::ScopedControllerConfig config("ca_file = /x/ca.pem\ndisable_tls = false\n");
+    boost::system::error_code ec;
+    EXPECT_EQ(Settings::path(), config.path());
+    EXPECT_EQ(Settings::load(ec).caFile, "/x/ca.pem");
+    EXPECT_FALSE(ec);
+
+    // Read afresh at each use.
+    config.write("ca_file = /y/ca.pem\n");
+    EXPECT_EQ(Settings::load(ec).caFile, "/y/ca.pem");
+
+    std::string detail;
+    config.write("disable_tls = 2\n");
+    Settings::load(ec, &detail);
+    EXPECT_EQ(ec, SettingsError::badValue);
+    EXPECT_EQ(detail.rfind(config.path() + ":1: ", 0), 0u) << detail;
+}
+
+TEST(SettingsTest, AMissingFileMeansNothingIsConfigured)
+{
+    testing::ScopedControllerConfig config;
+    ::setenv("TAVIX_CONTROLLER_CONFIG", (config.path() + ".absent").c_str(), 1);
+    boost::system::error_code ec = make_error_code(SettingsError::unreadable);
+    Settings const s = Settings::load(ec);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(s.caFile, "");
+    EXPECT_EQ(s.clientCertFile, "");
+    EXPECT_FALSE(s.disableTls);
+}
+
+} // namespace
+} // namespace tavix::controller

@@ -1,0 +1,37 @@
+#include <tests/support/ScopedControllerConfig.h>
+
+#include <boost/filesystem/operations.hpp>
+#include <boost/filesystem/path.hpp>
+
+#include <cstdlib>
+#include <fstream>
+
+namespace tavix::testing {
+
+namespace {
+char const* const kVariable = "TAVIX_CONTROLLER_CONFIG";
+}
+
+ScopedControllerConfig::ScopedControllerConfig(std::string const& text)
+    : m_path((boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("controller-%%%%-%%%%.conf"))
+                 .string())
+{
+    if (char const* previous = std::getenv(kVariable)) m_previous = previous;
+    write(text);
+    ::setenv(kVariable, m_path.c_str(), 1);
+}
+
+ScopedControllerConfig::~ScopedControllerConfig()
+{
+    if (m_previous) ::setenv(kVariable, m_previous->c_str(), 1);
+    else ::unsetenv(kVariable);
+    boost::system::error_code ignored;
+    boost::filesystem::remove(m_path, ignored);
+}
+
+void ScopedControllerConfig::write(std::string const& text) const
+{
+    std::ofstream(m_path, std::ios::trunc) << text;
+}
+
+} // namespace tavix::testing
