@@ -1,0 +1,224 @@
+#include <tools/emulator/CloudEmulator.h>
+
+#include <tools/emulator/AccountRoutes.h>
+#include <tools/emulator/LocatorRoutes.h>
+
+#include <boost/filesystem/operations.hpp>
+
+#include <algorithm>
+
+namespace fs = boost::filesystem;
+
+namespace tavix::emulator {
+
+CloudEmulator::DataDirectory::DataDirectory(std::string const& configured)
+    : path(configured), temporary(configured.empty())
+{
+    if (temporary)
+        path = fs::temp_directory_path() / fs::unique_path("restclient-emulator-%%%%-%%%%-%%%%");
+    fs::create_directories(path);
+}
+
+CloudEmulator::DataDirectory::~DataDirectory()
+{
+    boost::system::error_code ignored;
+    if (temporary)
+        fs::remove_all(path, ignored);
+}
+
+CloudEmulator::CloudEmulator(EmulatorConfig config)
+    : m_config(std::move(config)),
+      m_data(m_config.dataDirectory),
+      m_storage(m_data.path),
+      m_tokens(m_config.tokens.begin(), m_config.tokens.end()),
+      m_authorizations(m_config.authorizations.begin(), m_config.authorizations.end())
+{
+    // Held until the context is complete: a request that arrives early waits for it.
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_server = std::make_unique<HttpServer>([this](Request const& request) { return handle(request); },
+                                            m_config.tls, m_config.port);
+    m_server->setBodyFileChooser([this](http::request_header<> const& head) {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_storage.bodyFileFor(head);
+    });
+    m_context = std::make_unique<ServiceContext>(m_config, m_server->baseUrl());
+}
+
+CloudEmulator::~CloudEmulator()
+{
+    m_server.reset();
+}
+
+std::string CloudEmulator::baseUrl() const { return m_context->baseUrl; }
+unsigned short CloudEmulator::port() const { return m_server->port(); }
+HttpServer& CloudEmulator::server() { return *m_server; }
+EmulatorConfig const& CloudEmulator::config() const { return m_config; }
+fs::path CloudEmulator::dataDirectory() const { return m_data.path; }
+std::string CloudEmulator::locatorUrl() const { return baseUrl() + "/locator/rest"; }
+std::string CloudEmulator::accountUrl() const { return m_context->accountUrl; }
+std::string CloudEmulator::storageUrl() const { return m_context->storageUrl; }
+std::string CloudEmulator::usersUrl() const { return m_context->usersUrl; }
+std::string CloudEmulator::geoUrl() const { return baseUrl() + "/geo"; }
+std::string CloudEmulator::httpliteUrl() const { return baseUrl() + "/httplite"; }
+
+std::string CloudEmulator::issueToken()
+{
+    std::string token = randomHex(20);
+    acceptToken(token);
+    return token;
+}
+
+void CloudEmulator::acceptToken(std::string const& token)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_tokens.insert(token);
+}
+
+void CloudEmulator::revokeToken(std::string const& token)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_tokens.erase(token);
+}
+
+void CloudEmulator::acceptAuthorization(std::string const& value)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_authorizations.insert(value);
+}
+
+void CloudEmulator::scriptReply(ScriptedReply reply)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_script.push_back(std::move(reply));
+}
+
+void CloudEmulator::replyNext(unsigned status, std::string body)
+{
+    ScriptedReply reply;
+    reply.status = status;
+    reply.body = std::move(body);
+    scriptReply(std::move(reply));
+}
+
+void CloudEmulator::delayNext(std::chrono::milliseconds delay) { m_server->pushFault(Fault::delayBy(delay)); }
+void CloudEmulator::dropNext() { m_server->pushFault(Fault::dropConnection()); }
+void CloudEmulator::silenceNext() { m_server->pushFault(Fault::neverAnswer()); }
+
+void CloudEmulator::reset()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_script.clear();
+        m_registrations.clear();
+    }
+    m_server->clearFaults();
+    m_server->clearRequests();
+}
+
+std::vector<CapturedRequest> CloudEmulator::serviceRequests() const
+{
+    std::vector<CapturedRequest> requests = m_server->requests();
+    requests.erase(std::remove_if(requests.begin(), requests.end(),
+                                  [](CapturedRequest const& request) {
+                                      auto segments = targetSegments(request.target);
+                                      return !segments.empty() && segments[0] == "_emulator";
+                                  }),
+                   requests.end());
+    return requests;
+}
+
+std::vector<StoredObject> CloudEmulator::objects() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_storage.objects();
+}
+
+Json::Value CloudEmulator::registration() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_registrations.current();
+}
+
+Response CloudEmulator::handle(Request const& request)
+{
+    try {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        RoutedRequest route = routeOf(request);
+        if (!route.segments.empty() && route.segments[0] == "_emulator")
+            return control(route);
+        std::string target(request.target());
+        auto scripted = std::find_if(m_script.begin(), m_script.end(), [&](ScriptedReply const& reply) {
+            return target.find(reply.targetContains) != std::string::npos;
+        });
+        if (scripted != m_script.end()) {
+            ScriptedReply reply = *scripted;
+            m_script.erase(scripted);
+            m_storage.discardPendingBody(target);
+            return textReply(request, reply.status, reply.body, reply.contentType);
+        }
+        return dispatch(route);
+    } catch (std::exception const& e) {
+        return errorReply(request, m_config.errorStyle, http::status::internal_server_error, SubCode::internal,
+                          "Internal emulator error", e.what());
+    }
+}
+
+std::optional<Response> CloudEmulator::refuseUnauthorized(RoutedRequest const& route, bool geo) const
+{
+    auto field = route.request.find(http::field::authorization);
+    std::string message;
+    if (field == route.request.end()) {
+        message = "Missing Authorization header";
+    } else {
+        std::string value(field->value());
+        if (m_authorizations.count(value) != 0)
+            return std::nullopt;
+        static std::string const bearer = "Bearer ";
+        if (value.compare(0, bearer.size(), bearer) == 0 && m_tokens.count(value.substr(bearer.size())) != 0)
+            return std::nullopt;
+        message = "Invalid or expired token";
+    }
+    Response refused = geo ? messageReply(route.request, http::status::unauthorized, message)
+                           : errorReply(route.request, m_config.errorStyle, http::status::unauthorized,
+                                        SubCode::unauthorized, message, "Authenticate and send a bearer token");
+    refused.set(http::field::www_authenticate, "Bearer");
+    return refused;
+}
+
+Response CloudEmulator::dispatch(RoutedRequest const& route)
+{
+    ServiceContext const& context = *m_context;
+    std::vector<std::string> const& segments = route.segments;
+    std::size_t const count = segments.size();
+
+    // Pre-signed URLs carry their own authorization.
+    if (count >= 2 && segments[count - 2] == "blobs")
+        return m_storage.blobRoute(context, route, segments.back());
+
+    bool geo = count > 0 && segments.back() == "geo";
+    if (auto refused = refuseUnauthorized(route, geo))
+        return *refused;
+    if (geo)
+        return geoRoute(context, route);
+    if (endsWith(segments, {"registrations", "current"}))
+        return m_registrations.handle(context, route);
+    if (auto at = std::find(segments.begin(), segments.end(), "locations"); at != segments.end())
+        return locatorRoute(context, route, static_cast<std::size_t>(at - segments.begin()));
+    if (endsWith(segments, {"accounts", "current"}))
+        return currentAccountRoute(context, route);
+    for (std::size_t i = 0; i + 1 < count; ++i) {
+        if (segments[i] != "accounts" || segments[i + 1] != context.config.accountId)
+            continue;
+        std::vector<std::string> rest(segments.begin() + static_cast<std::ptrdiff_t>(i) + 2, segments.end());
+        if (!rest.empty() && rest[0] == "users")
+            return usersRoute(context, route, {rest.begin() + 1, rest.end()});
+        return m_storage.accountRoute(context, route, rest);
+    }
+    if (count > 0 && segments.back() == "accounts")
+        return m_storage.currentRoute(context, route);
+    bool namesAccount = std::find(segments.begin(), segments.end(), "accounts") != segments.end();
+    return errorReply(route.request, context.errorStyle(), http::status::not_found, SubCode::notFound,
+                      namesAccount ? "No such account" : "No such resource", std::string(route.request.target()));
+}
+
+} // namespace tavix::emulator

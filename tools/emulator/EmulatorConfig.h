@@ -1,0 +1,64 @@
+// Settings of the local cloud emulator: who may call it, what its services answer, where it
+// keeps its objects. Defaults give a working cloud on a free loopback port.
+#pragma once
+
+#include <tools/emulator/HttpServer.h>
+
+#include <json/value.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavix::emulator {
+
+// One entry of the Locator service. "{baseUrl}" in `endPointURL` is replaced by the emulator's
+// own base URL once it listens, so a config file can point services at the emulator itself.
+struct EndpointRecord {
+    std::string serviceName;
+    std::string endPointURLType = "REST";
+    std::string endPointURL;
+};
+
+struct UserRecord {
+    std::string id;
+    std::string eMail;
+    std::string firstName;
+    std::string lastName;
+    bool extUser = false;
+    bool isOwner = false;
+};
+
+// Real services send either shape; tests choose which one the emulator uses.
+enum class ErrorStyle { wrapped, bare };
+
+inline constexpr char const* kDefaultToken = "emulator-token";
+
+struct EmulatorConfig {
+    // Objects and their bodies live here; empty: a fresh temporary directory removed at the end.
+    std::string dataDirectory;
+    // Accepted as "Authorization: Bearer <token>".
+    std::vector<std::string> tokens{kDefaultToken};
+    // Whole Authorization values accepted as they are (what request-signing hooks produce).
+    std::vector<std::string> authorizations;
+    std::string accountId = "1001";
+    // Empty: the emulator advertises its own services (ACCOUNT, STORAGE, GEO, HTTPLITE, LOCATOR).
+    std::vector<EndpointRecord> endpoints;
+    // Empty: one owner, "owner@example.com".
+    std::vector<UserRecord> users;
+    std::string country = "Norway";
+    std::string countryIso = "NO";
+    ErrorStyle errorStyle = ErrorStyle::wrapped;
+    // Validity of pre-signed upload and download URLs; negative values give expired URLs.
+    std::chrono::seconds signedUrlLifetime{3600};
+    int registrationValiditySeconds = 3600;
+    std::optional<TlsFiles> tls;
+    unsigned short port = 0;
+};
+
+// Overrides the members of `config` that `document` names (keys as the member names above, TLS
+// as the PEM file paths "certificate", "privateKey" and "clientCa"). Returns false with `error` set on a bad document.
+bool applyConfigDocument(Json::Value const& document, EmulatorConfig& config, std::string& error);
+
+} // namespace tavix::emulator
