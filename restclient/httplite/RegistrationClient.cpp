@@ -1,0 +1,76 @@
+#include <restclient/httplite/RegistrationClient.h>
+
+#include <fmt/format.h>
+
+namespace tavix::restclient::httplite {
+
+RegistrationRequest::RegistrationRequest() : ip("ip", ""), port("port", 0) {}
+
+std::string RegistrationRequest::getPayload() const
+{
+    JsonWriter writer;
+    writer.startObject();
+    ip.serialize(writer);
+    port.serialize(writer);
+    writer.endObject();
+    return writer.str(false);
+}
+
+RegistrationResponse::RegistrationResponse()
+    : activeCallCount("activeCallCount", 0), contact("contact", ""), contactStatus("contactStatus", false),
+      createdTime("createdTime", ""), expiryTime("expiryTime", ""), ip("ip", ""), lastUpdateTime("lastUpdateTime", ""),
+      linkKey("linkKey", ""), port("port", 0), validSeconds("validSeconds", 0)
+{
+}
+
+void RegistrationResponse::handleResponse(Json::Value const& document)
+{
+    activeCallCount.deserialize(document);
+    contact.deserialize(document);
+    contactStatus.deserialize(document);
+    createdTime.deserialize(document);
+    expiryTime.deserialize(document);
+    ip.deserialize(document);
+    lastUpdateTime.deserialize(document);
+    linkKey.deserialize(document);
+    port.deserialize(document);
+    validSeconds.deserialize(document);
+}
+
+RegistrationClient::RegistrationClient(boost::asio::io_context& io, Engine::Callback callback, std::string const& host,
+                                       unsigned int port, std::string const& token, bool tls, std::string const& path)
+    : m_engine(io, std::move(callback)), m_host(host), m_port(port), m_token(token), m_tls(tls), m_path(path)
+{
+}
+
+boost::system::error_code RegistrationClient::updateRegistration(RegistrationRequest const& request)
+{
+    return send(boost::beast::http::verb::put, &request);
+}
+
+boost::system::error_code RegistrationClient::deleteRegistration()
+{
+    return send(boost::beast::http::verb::delete_, nullptr);
+}
+
+boost::system::error_code RegistrationClient::send(boost::beast::http::verb verb, RegistrationRequest const* body)
+{
+    boost::system::error_code ec;
+    std::string const text =
+        fmt::format("{}://{}:{}/{}/registrations/current", m_tls ? "https" : "http", m_host, m_port, m_path);
+    net::http::Url const url = net::http::Url::createUrl(text, ec);
+    if (ec) return ec;
+
+    net::http::HttpRequest& request = m_engine.request();
+    request.url(url);
+    std::string const method(boost::beast::http::to_string(verb));
+    std::string const authorization =
+        authorizationFor(m_token, m_authCallback, method, url.toString(), body ? body->getPayload() : std::string());
+    if (!authorization.empty()) m_engine.authorization(authorization);
+    request.accept("application/json");
+    request.contentType("application/json");
+    if (body) request.payload(body->getPayload());
+    return m_engine.asyncRequest(verb);
+}
+
+} // namespace tavix::restclient::httplite
