@@ -5,8 +5,6 @@
 
 #include <restclient/IWebSerializable.h>
 
-#include <boost/variant/get.hpp>
-
 #include <string>
 
 namespace tavix::restclient {
@@ -74,13 +72,5 @@ public:
     std::string name;
     T value;
 };
-
-// The alternative of type T that a variant holds, or a default T when it holds another.
-template <typename T, typename Variant>
-T get(Variant const& variant)
-{
-    if (T const* held = boost::get<T>(&variant)) return *held;
-    return T();
-}
 
 } // namespace tavix::restclient

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/variant.hpp>
 #include <json/reader.h>
 
 namespace tavix::restclient {
@@ -106,14 +105,6 @@ TEST(JsonWriter, NestedObjectsInArraysCloseBackToTheirParent)
     ASSERT_EQ(doc["resource"]["item"].size(), 3u);
     EXPECT_EQ(doc["resource"]["item"][2]["key"], "2");
     EXPECT_EQ(doc["resource"]["name"], "n");
-}
-
-TEST(Value, GetReturnsTheHeldAlternativeOrADefault)
-{
-    using Variant = boost::variant<int, std::string>;
-    EXPECT_EQ(get<std::string>(Variant(3)), "");
-    EXPECT_EQ(get<std::string>(Variant(std::string("x"))), "x");
-    EXPECT_EQ(get<int>(Variant(std::string("x"))), 0);
 }
 
 } // namespace
