@@ -205,17 +205,25 @@ TEST_F(RestClientTest, ASilentServerEndsInATimeOutNotAHang)
     EXPECT_FALSE(outcome.doc.filled);
 }
 
-TEST_F(RestClientTest, RequestsThatCannotStartReturnAnErrorAndNeverCallBack)
+TEST_F(RestClientTest, ARequestWithoutAUrlIsRefusedWithoutACallback)
 {
     Engine withoutUrl(io, [this](Doc const&, veltrun::TavixErrorResponse, unsigned int,
                                  boost::system::error_code const&) { ++outcome.calls; });
     EXPECT_EQ(withoutUrl.asyncRequest(http::verb::get),
               boost::system::errc::make_error_code(boost::system::errc::invalid_argument));
-
-    auto ftp = engine("ftp://127.0.0.1:1/doc");
-    EXPECT_TRUE(ftp->asyncRequest(http::verb::get));
     runIo();
     EXPECT_EQ(outcome.calls, 0);
+}
+
+TEST_F(RestClientTest, ARequestTheHttpClientRefusesIsReturnedAndReportedOnce)
+{
+    auto ftp = engine("ftp://127.0.0.1:1/doc");
+    boost::system::error_code const refused = ftp->asyncRequest(http::verb::get);
+    EXPECT_TRUE(refused);
+    runIo();
+    ASSERT_EQ(outcome.calls, 1);
+    EXPECT_EQ(outcome.ec, refused);
+    EXPECT_TRUE(server.requests().empty());
 }
 
 TEST_F(RestClientTest, OneEngineDeliversOneCompletionAtMost)

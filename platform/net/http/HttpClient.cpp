@@ -8,6 +8,7 @@
 #include <platform/net/http/TlsContextCache.h>
 
 #include <boost/asio/dispatch.hpp>
+#include <boost/asio/post.hpp>
 
 #include <mutex>
 
@@ -20,6 +21,24 @@ namespace {
 
 std::mutex s_defaultsMutex;
 ClientOptions s_defaults;
+
+// Checks the URL and, for https, gets the shared TLS context of the current settings.
+std::shared_ptr<asio::ssl::context> prepare(Url const& url, error_code& ec)
+{
+    if (!url.isValid() || url.host().empty()) {
+        ec = make_error_code(boost::system::errc::invalid_argument);
+        return nullptr;
+    }
+    if (url.scheme() == "http") return nullptr;
+    if (url.scheme() != "https") {
+        ec = make_error_code(boost::system::errc::protocol_not_supported);
+        return nullptr;
+    }
+    // Read at each use: a re-provisioned device needs no restart.
+    auto const settings = controller::Settings::load(ec);
+    if (ec) return nullptr;
+    return sharedTlsContext(settings.caFile, settings.clientCertFile, ec);
+}
 
 } // namespace
 
@@ -47,19 +66,13 @@ HttpClient::~HttpClient() = default;
 
 error_code HttpClient::asyncRequest(HttpRequest const& request)
 {
-    Url const& url = request.url();
-    if (!url.isValid() || url.host().empty()) return make_error_code(boost::system::errc::invalid_argument);
-    bool const secure = url.scheme() == "https";
-    if (!secure && url.scheme() != "http") return make_error_code(boost::system::errc::protocol_not_supported);
-
-    std::shared_ptr<asio::ssl::context> tls;
-    if (secure) {
-        error_code ec;
-        // Read at each use: a re-provisioned device needs no restart.
-        auto const settings = controller::Settings::load(ec);
-        if (ec) return ec;
-        tls = sharedTlsContext(settings.caFile, settings.clientCertFile, ec);
-        if (ec) return ec;
+    error_code ec;
+    std::shared_ptr<asio::ssl::context> tls = prepare(request.url(), ec);
+    if (ec) {
+        // Reported to the completion too: a caller that only waits for the callback (some
+        // clients drop this result by design) must not wait forever.
+        asio::post(m_state->io, [completion = m_state->completion, ec] { completion(HttpResponse(), ec); });
+        return ec;
     }
 
     auto connection = std::make_shared<Connection>(m_state->io, std::move(tls));

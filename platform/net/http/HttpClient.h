@@ -34,7 +34,8 @@ public:
     // Does not cancel an exchange in flight: it finishes and calls its completion.
     ~HttpClient();
 
-    // Starts one exchange; the result is the error of starting it (then no completion follows).
+    // Starts one exchange; the result is the error of starting it. Every call ends in exactly
+    // one completion: a refused start is reported there too, with the same error.
     boost::system::error_code asyncRequest(HttpRequest const& request);
 
     // Ends the connection of the last exchange; `force` shuts the socket down at once.
