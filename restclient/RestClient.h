@@ -110,8 +110,9 @@ public:
 private:
     static bool parse(std::string const& body, Json::Value& root)
     {
+        // Default-configured and built once: constructing a builder costs as much as a small parse.
+        static Json::CharReaderBuilder const builder;
         std::istringstream in(body);
-        Json::CharReaderBuilder builder;
         std::string ignored;
         return Json::parseFromStream(builder, in, &root, &ignored);
     }

@@ -58,22 +58,6 @@ public:
         return read();
     }
 
-    // Sends the head with "Expect: 100-continue" and the body only after the interim answer.
-    Reply exchangeExpectingContinue(http::request<http::string_body>& request, unsigned& interimStatus)
-    {
-        request.set(http::field::host, "127.0.0.1");
-        request.set(http::field::expect, "100-continue");
-        request.prepare_payload();
-        m_stream.expires_after(std::chrono::seconds(10));
-        http::request_serializer<http::string_body> serializer(request);
-        http::write_header(m_stream, serializer);
-        http::response<http::empty_body> interim;
-        http::read(m_stream, m_buffer, interim);
-        interimStatus = interim.result_int();
-        http::write(m_stream, serializer);
-        return read();
-    }
-
 private:
     Reply read()
     {
@@ -229,20 +213,6 @@ TEST(CloudEmulator, MalformedRequestsGetErrorDocuments)
     EXPECT_EQ(call(cloud, http::verb::get, "//s/accounts/999/files").status, 404u);
 }
 
-TEST(CloudEmulator, UploadWaitsForContinueWhenAsked)
-{
-    CloudEmulator cloud;
-    Reply stored = call(cloud, http::verb::post, "/s/accounts/1001/files", storeBody);
-    http::request<http::string_body> request(http::verb::put, targetOf(stored.json["url"].asString()), 11);
-    request.body() = std::string(100000, 'x');
-    unsigned interim = 0;
-    Reply uploaded = Connection(cloud.port()).exchangeExpectingContinue(request, interim);
-    EXPECT_EQ(interim, 100u);
-    EXPECT_EQ(uploaded.status, 200u);
-    ASSERT_EQ(cloud.objects().size(), 1u);
-    EXPECT_EQ(cloud.objects()[0].contentLength, 100000u);
-}
-
 TEST(CloudEmulator, ScriptedRepliesAndControlInterface)
 {
     CloudEmulator cloud;
@@ -263,18 +233,6 @@ TEST(CloudEmulator, ScriptedRepliesAndControlInterface)
     EXPECT_EQ(call(cloud, http::verb::post, "/_emulator/fault", R"({"kind": "sideways"})", std::nullopt).status, 400u);
     EXPECT_EQ(call(cloud, http::verb::post, "/_emulator/reset", {}, std::nullopt).status, 200u);
     EXPECT_TRUE(cloud.serviceRequests().empty());
-}
-
-TEST(CloudEmulator, RegistrationIsKeptUntilDeleted)
-{
-    CloudEmulator cloud;
-    Reply registered = call(cloud, http::verb::put, "//hl/registrations/current", R"({"ip": "10.0.0.9", "port": 5060})");
-    ASSERT_EQ(registered.status, 200u) << registered.body;
-    EXPECT_EQ(registered.json["port"], 5060);
-    EXPECT_TRUE(registered.json["linkKey"].isString());
-    EXPECT_EQ(cloud.registration()["ip"], "10.0.0.9");
-    EXPECT_EQ(call(cloud, http::verb::delete_, "//hl/registrations/current").json["contactStatus"], false);
-    EXPECT_EQ(call(cloud, http::verb::delete_, "//hl/registrations/current").status, 404u);
 }
 
 } // namespace

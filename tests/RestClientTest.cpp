@@ -161,7 +161,9 @@ TEST_F(RestClientTest, A200BodyThatIsNotJsonIsABadMessage)
     EXPECT_FALSE(outcome.doc.filled);
 }
 
-TEST_F(RestClientTest, TransportFailuresReachTheCallbackWithDefaultDocuments)
+// Time-outs, refused connections and untrusted certificates are the transport's tests; here
+// it is enough that one transport error reaches the callback as it is.
+TEST_F(RestClientTest, ATransportFailureReachesTheCallbackWithDefaultDocuments)
 {
     server.pushFault(Fault::dropConnection());
     auto dropped = engine(url());
@@ -171,38 +173,6 @@ TEST_F(RestClientTest, TransportFailuresReachTheCallbackWithDefaultDocuments)
     EXPECT_TRUE(outcome.ec);
     EXPECT_FALSE(outcome.doc.filled);
 
-    // A port nobody listens on: take one from a server that has gone away.
-    std::string refusedUrl;
-    {
-        HttpServer gone([](emulator::Request const&) { return emulator::Response(); });
-        refusedUrl = gone.baseUrl() + "/doc";
-    }
-    outcome = Outcome();
-    auto refused = engine(refusedUrl);
-    ASSERT_FALSE(refused->asyncRequest(http::verb::get));
-    io.restart();
-    runIo();
-    ASSERT_EQ(outcome.calls, 1);
-    EXPECT_TRUE(outcome.ec);
-    EXPECT_EQ(outcome.status, 0u);
-}
-
-TEST_F(RestClientTest, ASilentServerEndsInATimeOutNotAHang)
-{
-    auto const saved = net::http::HttpClient::defaultOptions();
-    auto options = saved;
-    options.exchangeTimeout = 300ms;
-    net::http::HttpClient::setDefaultOptions(options);
-    server.pushFault(Fault::neverAnswer());
-
-    auto client = engine(url());
-    ASSERT_FALSE(client->asyncRequest(http::verb::get));
-    runIo();
-    net::http::HttpClient::setDefaultOptions(saved);
-
-    ASSERT_EQ(outcome.calls, 1);
-    EXPECT_TRUE(outcome.ec);
-    EXPECT_FALSE(outcome.doc.filled);
 }
 
 TEST_F(RestClientTest, ARequestWithoutAUrlIsRefusedWithoutACallback)
@@ -263,33 +233,6 @@ TEST_F(RestClientTest, AnEmptyCallbackOnlyClosesTheExchange)
     ASSERT_FALSE(client->asyncRequest(http::verb::get));
     runIo();
     EXPECT_EQ(server.requests().size(), 1u);
-}
-
-TEST(RestClientTls, AServerTheClientDoesNotTrustIsNeverASuccess)
-{
-    HttpServer untrusted([](emulator::Request const&) {
-        emulator::Response response{http::status::ok, 11};
-        response.body() = "{}";
-        response.prepare_payload();
-        return response;
-    }, emulator::TlsFiles{RESTCLIENT_TEST_CERT_DIR "/untrusted.pem", RESTCLIENT_TEST_CERT_DIR "/untrusted-key.pem"});
-
-    boost::asio::io_context io;
-    int calls = 0;
-    boost::system::error_code result;
-    Engine client(io, [&](Doc const&, veltrun::TavixErrorResponse, unsigned int, boost::system::error_code const& ec) {
-        ++calls;
-        result = ec;
-    });
-    boost::system::error_code ec;
-    client.request().url(net::http::Url::createUrl(untrusted.baseUrl() + "/doc", ec));
-    ASSERT_FALSE(ec);
-    ASSERT_FALSE(client.asyncRequest(http::verb::get));
-    io.run_for(20s);
-
-    ASSERT_EQ(calls, 1);
-    EXPECT_TRUE(result);
-    EXPECT_TRUE(untrusted.requests().empty());
 }
 
 } // namespace

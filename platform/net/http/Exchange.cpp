@@ -2,12 +2,15 @@
 
 #include <platform/net/http/Exchange.h>
 
-#include <boost/asio/bind_executor.hpp>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
+
+#include <sys/socket.h>
+
+#include <cerrno>
 
 namespace tavix::net::http {
 
@@ -75,17 +78,28 @@ void Exchange::begin()
 
     error_code notAnAddress;
     auto const address = asio::ip::make_address(m_host, notAnAddress);
-    if (!notAnAddress) {
-        // No resolver for an IP literal: it would cost a hop through the resolver's thread.
-        m_connection->socket().async_connect(tcp::endpoint(address, m_port),
-                                             onStrand([self = shared_from_this()](error_code ec) { self->onConnect(ec); }));
-        return;
-    }
+    // No resolver for an IP literal: it would cost a hop through the resolver's thread.
+    if (!notAnAddress) return connectTo(tcp::endpoint(address, m_port));
     m_resolver.emplace(m_connection->strand().context());
     m_resolver->async_resolve(m_host, std::to_string(m_port),
                               onStrand([self = shared_from_this()](error_code ec, tcp::resolver::results_type endpoints) {
                                   self->onResolve(ec, std::move(endpoints));
                               }));
+}
+
+void Exchange::connectTo(tcp::endpoint const& endpoint)
+{
+    // The connection is started, not waited for: the first write (the request, or the TLS
+    // hello) waits until it is up, and reports a refused one. On loopback and other fast paths
+    // it is up already, which spares a round through the io_context.
+    auto& socket = m_connection->socket();
+    error_code ec;
+    socket.open(endpoint.protocol(), ec);
+    if (!ec) socket.native_non_blocking(true, ec);
+    if (!ec && ::connect(socket.native_handle(), endpoint.data(), endpoint.size()) != 0 && errno != EINPROGRESS) {
+        ec.assign(errno, boost::system::system_category());
+    }
+    onConnect(ec);
 }
 
 void Exchange::onResolve(error_code ec, tcp::resolver::results_type endpoints)
@@ -112,7 +126,6 @@ void Exchange::onConnect(error_code ec)
 void Exchange::onHandshake(error_code ec)
 {
     if (interrupted(ec)) return finish(ec);
-    m_connected = true;
     m_connection->withStream([this](auto& stream) {
         beast::http::async_write(stream, m_request,
                                  onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onWrite(ec); }));
@@ -122,6 +135,7 @@ void Exchange::onHandshake(error_code ec)
 void Exchange::onWrite(error_code ec)
 {
     if (interrupted(ec)) return finish(ec);
+    m_connected = true;
     // The head alone first: Beast 1.74 forgets a Content-Length over the body limit when the
     // body arrives in the same read as the head, and would then allocate the whole body.
     m_connection->withStream([this](auto& stream) {

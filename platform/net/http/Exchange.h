@@ -29,6 +29,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void begin();
+    void connectTo(boost::asio::ip::tcp::endpoint const& endpoint);
     void onResolve(boost::system::error_code ec, boost::asio::ip::tcp::resolver::results_type endpoints);
     void onConnect(boost::system::error_code ec);
     void onHandshake(boost::system::error_code ec);
@@ -58,7 +59,7 @@ private:
     std::optional<boost::asio::ip::tcp::resolver> m_resolver;
     boost::asio::steady_timer m_timer;
     Clock::time_point m_exchangeDeadline;
-    bool m_connected = false;  // and the TLS handshake done
+    bool m_connected = false;  // the request went out: the connect time-out no longer applies
     bool m_timedOut = false;
     bool m_finished = false;
 
