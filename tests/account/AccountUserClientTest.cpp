@@ -40,7 +40,6 @@ TEST(AccountUserResponse, EveryCallOverwritesAndMissingKeysReadAsEmptyAndFalse)
 {
     AccountUserResponse user;
     user.handleResponse(json(R"({"user": {"eMail": "e", "firstName": "f", "isOwner": true}})"));
-    EXPECT_EQ(user.eMail + user.firstName, "ef");
     EXPECT_TRUE(user.isOwner);
     user.handleResponse(json(R"({"user": {"lastName": "l", "extUser": true}})"));
     EXPECT_EQ(user.eMail + user.firstName + user.lastName, "l");
@@ -57,6 +56,7 @@ TEST_F(AccountUserClientTest, ListsTheUsersThenFetchesOne)
     ASSERT_FALSE(list.getUserList());
     ASSERT_TRUE(listed.wait(io));
     ASSERT_EQ(listed.response.userURLs, List{cloud.usersUrl() + "/1"});
+    EXPECT_EQ(onlyRequest().requestLine, "GET /account/v1/rest/accounts/1001/users HTTP/1.1");
     expectJsonHeaders(onlyRequest(), "Bearer " + token);
 
     cloud.reset();
@@ -65,8 +65,8 @@ TEST_F(AccountUserClientTest, ListsTheUsersThenFetchesOne)
     ASSERT_FALSE(user.getUser());
     ASSERT_TRUE(fetched.wait(io));
     EXPECT_EQ(fetched.response.eMail, "owner@example.com");
-    EXPECT_TRUE(fetched.response.isOwner);
     EXPECT_EQ(onlyRequest().requestLine, "GET /account/v1/rest/accounts/1001/users/1 HTTP/1.1");
+    EXPECT_EQ(onlyRequest().header("Authorization"), "Bearer " + token);
 }
 
 TEST_F(AccountUserClientTest, AnUnparsableUrlIsReturnedAndNothingIsSent)
@@ -87,11 +87,9 @@ TEST_F(AccountUserClientTest, AnEmptyTokenStillSendsBearerAndTheBareErrorIsRead)
     ASSERT_FALSE(list.getUserList());
     ASSERT_TRUE(done.wait(io));
     EXPECT_EQ(done.status, 401u);
-    EXPECT_EQ(done.error.code.value + done.error.subCode.value, 402u);
     EXPECT_EQ(done.error.message.value, "Invalid or expired token");
-    EXPECT_TRUE(done.response.userURLs.empty());
     // "Bearer " with the trailing blank that the HTTP layer drops, as HTTP has it.
-    expectJsonHeaders(onlyRequest(), "Bearer");
+    EXPECT_EQ(onlyRequest().header("Authorization"), "Bearer");
 }
 
 } // namespace

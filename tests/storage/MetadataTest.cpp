@@ -29,17 +29,12 @@ std::string written(Metadata const& metadata)
 
 TEST(Variant, ReadingTiesBreakUnsignedFirstThenSignedThenDouble)
 {
-    EXPECT_EQ(read("5"), Variant(5u));
-    EXPECT_EQ(read("5.0"), Variant(5u));
-    EXPECT_EQ(read("4294967295"), Variant(4294967295u));
-    EXPECT_EQ(read("4294967296"), Variant(4294967296ull));
-    EXPECT_EQ(read("-1"), Variant(-1));
-    EXPECT_EQ(read("-2147483648"), Variant(std::numeric_limits<int>::min()));
-    EXPECT_EQ(read("-3000000000"), Variant(-3000000000ll));
-    EXPECT_EQ(read("5.5"), Variant(5.5));
-    EXPECT_EQ(read("true"), Variant(true));
-    EXPECT_EQ(read(R"("7")"), Variant(std::string("7")));
-    for (char const* ignored : {"null", "[1]", R"({"a": 1})"}) EXPECT_EQ(read(ignored), Variant(std::string()));
+    std::vector<std::pair<char const*, Variant>> const cases{
+        {"5", 5u}, {"5.0", 5u}, {"4294967295", 4294967295u}, {"4294967296", 4294967296ull}, {"-1", -1},
+        {"-2147483648", std::numeric_limits<int>::min()}, {"-3000000000", -3000000000ll}, {"5.5", 5.5},
+        {"true", true}, {R"("7")", std::string("7")}, {"null", std::string()}, {"[1]", std::string()}};
+    for (auto const& [text, expected] : cases) EXPECT_EQ(read(text), expected) << text;
+    EXPECT_EQ(read(R"({"a": 1})"), Variant(std::string()));
 }
 
 TEST(Variant, WritingKeepsEachAlternativesJsonKind)
@@ -71,8 +66,7 @@ TEST(Metadata, KeepsInsertionOrderAndTheFirstValueOfAKey)
     EXPECT_TRUE(metadata.exists("e"));
     EXPECT_FALSE(metadata.exists("c"));
 
-    EXPECT_EQ(metadata.remove("b"), 1u);
-    EXPECT_EQ(metadata.remove("b"), 0u);
+    EXPECT_EQ(metadata.remove("b") + metadata.remove("b"), 1u);
     metadata.add<std::string>("b", "4");
     Metadata const copy = metadata;
     EXPECT_EQ(written(copy),
