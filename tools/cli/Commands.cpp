@@ -162,30 +162,38 @@ int geoCommand(Options const& options, std::vector<std::string> const& args)
     return 0;
 }
 
-int registerCommand(Options const& options, std::vector<std::string> const& args)
+// Sends one registration request; `send` starts it on the client.
+template <typename Send>
+bool registration(Options const& options, std::string const& url, std::string const& what, Send send,
+                  httplite::RegistrationResponse& response)
 {
     Address a;
-    if (!split(args[0], a)) return 1;
-    httplite::RegistrationRequest request;
-    request.ip.value = args[1];
-    request.port.value = std::atoi(args[2].c_str());
+    if (!split(url, a)) return false;
     boost::asio::io_context io;
     Outcome<httplite::RegistrationResponse> o;
     httplite::RegistrationClient client(io, o.callback(), a.host, a.port, options.token, a.tls, a.path);
-    if (!finish(io, client.updateRegistration(request), o, "register")) return 1;
-    std::cout << "registered: " << o.response.ip.value << ":" << o.response.port.value << ", expires "
-              << o.response.expiryTime.value << "\n";
+    if (!finish(io, send(client), o, what)) return false;
+    response = o.response;
+    return true;
+}
+
+int registerCommand(Options const& options, std::vector<std::string> const& args)
+{
+    httplite::RegistrationRequest request;
+    request.ip.value = args[1];
+    request.port.value = std::atoi(args[2].c_str());
+    httplite::RegistrationResponse r;
+    auto const send = [&request](httplite::RegistrationClient& c) { return c.updateRegistration(request); };
+    if (!registration(options, args[0], "register", send, r)) return 1;
+    std::cout << "registered: " << r.ip.value << ":" << r.port.value << ", expires " << r.expiryTime.value << "\n";
     return 0;
 }
 
 int unregisterCommand(Options const& options, std::vector<std::string> const& args)
 {
-    Address a;
-    if (!split(args[0], a)) return 1;
-    boost::asio::io_context io;
-    Outcome<httplite::RegistrationResponse> o;
-    httplite::RegistrationClient client(io, o.callback(), a.host, a.port, options.token, a.tls, a.path);
-    if (!finish(io, client.deleteRegistration(), o, "unregister")) return 1;
+    httplite::RegistrationResponse r;
+    auto const send = [](httplite::RegistrationClient& c) { return c.deleteRegistration(); };
+    if (!registration(options, args[0], "unregister", send, r)) return 1;
     std::cout << "unregistered\n";
     return 0;
 }
