@@ -1,16 +1,27 @@
-# Installs headers, the shared library, a CMake package (restclient::restclient) and restclient.pc.
+# Installs the public headers under include/restclient/, both shared libraries, a CMake package
+# (restclient::restclient, restclient::platform) and restclient.pc.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(RESTCLIENT_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/restclient)
+set(RESTCLIENT_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/restclient)
 
-install(TARGETS restclient EXPORT restclientTargets
+install(TARGETS tavixplatform restclient EXPORT restclientTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY restclient platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-  FILES_MATCHING PATTERN "*.h")
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(CMAKE_OBJCOPY)
+  install(FILES $<TARGET_FILE:tavixplatform>.debug $<TARGET_FILE:restclient>.debug
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/.debug COMPONENT debug EXCLUDE_FROM_ALL)
+endif()
+# Internals (the transport's pieces, request set-up helpers) stay out of the install.
+install(DIRECTORY restclient platform DESTINATION ${RESTCLIENT_INCLUDE_DIR}
+  FILES_MATCHING PATTERN "*.h"
+  PATTERN "detail" EXCLUDE
+  PATTERN "Connection.h" EXCLUDE
+  PATTERN "Exchange.h" EXCLUDE
+  PATTERN "TlsContextCache.h" EXCLUDE
+  PATTERN "ErrorCategories.h" EXCLUDE)
 install(EXPORT restclientTargets NAMESPACE restclient:: DESTINATION ${RESTCLIENT_CMAKE_DIR})
 
 configure_package_config_file(cmake/restclientConfig.cmake.in

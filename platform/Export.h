@@ -1,7 +1,7 @@
-// Symbol visibility for the shared library: everything is hidden unless marked.
+// Symbol visibility for the platform library: everything is hidden unless marked.
 #pragma once
 
-#if defined(RESTCLIENT_BUILDING_LIBRARY)
+#if defined(TAVIX_PLATFORM_BUILDING)
 #define TAVIX_EXPORT __attribute__((visibility("default")))
 #else
 #define TAVIX_EXPORT

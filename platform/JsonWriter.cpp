@@ -2,54 +2,54 @@
 
 #include <json/writer.h>
 
+#include <cassert>
+
 namespace tavix {
 
 JsonWriter::JsonWriter() : m_root(Json::nullValue) {}
 
+bool JsonWriter::allowed(bool wellFormed)
+{
+    if (!wellFormed) m_ok = false;
+    assert(wellFormed && "JsonWriter misused");
+    return wellFormed;
+}
+
 void JsonWriter::open(std::string const* name, Json::ValueType type)
 {
     if (m_open.empty()) {
-        // The first container opened becomes the document itself, whatever its name.
+        // Only containers were ever opened into the root: not null, it was opened and closed.
+        if (!allowed(m_root.isNull())) return;
         m_root = Json::Value(type);
         m_open.push_back(&m_root);
         return;
     }
-    Json::Value& parent = current();
+    Json::Value& parent = *m_open.back();
     if (parent.isArray()) {
         m_open.push_back(&parent.append(Json::Value(type)));
-    } else {
-        Json::Value& member = parent[name ? *name : std::string()];
-        member = Json::Value(type);
-        m_open.push_back(&member);
+        return;
     }
+    if (!allowed(name != nullptr)) return;
+    Json::Value& member = parent[*name];
+    member = Json::Value(type);
+    m_open.push_back(&member);
+}
+
+void JsonWriter::close(Json::ValueType type)
+{
+    if (allowed(!m_open.empty() && m_open.back()->type() == type)) m_open.pop_back();
 }
 
 void JsonWriter::startObject() { open(nullptr, Json::objectValue); }
 void JsonWriter::startObject(std::string const& name) { open(&name, Json::objectValue); }
 void JsonWriter::startArray(std::string const& name) { open(&name, Json::arrayValue); }
-
-void JsonWriter::endObject()
-{
-    if (!m_open.empty()) m_open.pop_back();
-}
-
-void JsonWriter::endArray()
-{
-    if (!m_open.empty()) m_open.pop_back();
-}
-
-Json::Value& JsonWriter::current()
-{
-    if (m_open.empty()) {
-        if (m_root.isNull()) m_root = Json::Value(Json::objectValue);
-        return m_root;
-    }
-    return *m_open.back();
-}
+void JsonWriter::endObject() { close(Json::objectValue); }
+void JsonWriter::endArray() { close(Json::arrayValue); }
 
 void JsonWriter::place(std::string const& key, Json::Value value)
 {
-    Json::Value& container = current();
+    if (!allowed(!m_open.empty())) return;
+    Json::Value& container = *m_open.back();
     if (container.isArray()) {
         container.append(std::move(value));
     } else {

@@ -2,7 +2,7 @@
 // sending, Done(result) in the completion, WaitUntilDone() to block until the result is in.
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/thread/condition_variable.hpp>
@@ -12,7 +12,7 @@
 
 namespace tavix::restclient {
 
-class TAVIX_EXPORT AsyncOperation {
+class RESTCLIENT_EXPORT AsyncOperation {
 public:
     enum Result : std::int32_t { Success = 0, Retry = 1, Failed = 2, Pending = 4 };
 

@@ -1,13 +1,13 @@
 // A request body that renders itself as JSON text.
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 
 #include <string>
 
 namespace tavix::restclient {
 
-class TAVIX_EXPORT IWebRequest {
+class RESTCLIENT_EXPORT IWebRequest {
 public:
     virtual std::string getPayload() const = 0;
     virtual ~IWebRequest() = default;

@@ -1,13 +1,13 @@
 // A decoded answer of a service: success and error documents fill themselves from the body.
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 
 #include <json/value.h>
 
 namespace tavix::restclient {
 
-class TAVIX_EXPORT IWebResponse {
+class RESTCLIENT_EXPORT IWebResponse {
 public:
     virtual void handleResponse(Json::Value const& document) = 0;
     virtual ~IWebResponse() = default;

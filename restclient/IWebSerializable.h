@@ -1,14 +1,14 @@
 // A record that writes itself into a JsonWriter and reads itself from parsed JSON.
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 #include <platform/JsonWriter.h>
 
 #include <json/value.h>
 
 namespace tavix::restclient {
 
-class TAVIX_EXPORT IWebSerializable {
+class RESTCLIENT_EXPORT IWebSerializable {
 public:
     virtual void serialize(JsonWriter& writer) const = 0;
     virtual void deserialize(Json::Value const& document) = 0;

@@ -114,7 +114,13 @@ private:
         static Json::CharReaderBuilder const builder;
         std::istringstream in(body);
         std::string ignored;
-        return Json::parseFromStream(builder, in, &root, &ignored);
+        try {
+            return Json::parseFromStream(builder, in, &root, &ignored);
+        } catch (Json::Exception const&) {
+            // The reader throws rather than fails on some bodies (nesting deeper than its
+            // stack limit): still a body that does not parse, not an error to raise.
+            return false;
+        }
     }
 
     boost::asio::io_context& m_io;

@@ -6,7 +6,7 @@
 // comes back as `unsigned int`, whatever alternative wrote it.
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 #include <platform/JsonWriter.h>
 #include <restclient/Value.h>
 
@@ -21,13 +21,13 @@ namespace tavix::restclient {
 
 using Variant = boost::variant<int, long long, unsigned int, unsigned long long, double, std::string, bool>;
 
-struct TAVIX_EXPORT VariantSerializer {
+struct RESTCLIENT_EXPORT VariantSerializer {
     // Writes the held alternative as the matching JSON scalar under `name` (appended when an
     // array is open).
     void operator()(JsonWriter& writer, std::string const& name, Variant const& value) const;
 };
 
-struct TAVIX_EXPORT VariantDeserializer {
+struct RESTCLIENT_EXPORT VariantDeserializer {
     // Assigns the first alternative that `json` matches: string, bool, then the integers as
     // unsigned int, unsigned long long, int, long long, then double. Null, arrays and objects
     // leave `value` as it was.

@@ -1,6 +1,7 @@
 #!/bin/sh
-# Installs the build into a scratch prefix, then builds a consumer against it twice: through
-# the CMake package and through pkg-config. Usage: check-installed-package.sh <build-dir> <consumer-dir>
+# Installs the build into a scratch prefix, then builds a consumer against it through the CMake
+# package (finding jsoncpp before and after it) and through pkg-config.
+# Usage: check-installed-package.sh <build-dir> <consumer-dir>
 set -eu
 build=$1
 consumer=$2
@@ -15,9 +16,12 @@ case "$soname" in
   *) echo "no SONAME on $lib" >&2; exit 1 ;;
 esac
 
-cmake -S "$consumer" -B "$prefix/consumer-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$prefix/consumer-build" >/dev/null
-LD_LIBRARY_PATH=$(dirname "$lib") "$prefix/consumer-build/consumer"
+for jsoncpp_first in OFF ON; do
+  cmake -S "$consumer" -B "$prefix/consumer-$jsoncpp_first" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DJSONCPP_FIRST=$jsoncpp_first >/dev/null
+  cmake --build "$prefix/consumer-$jsoncpp_first" >/dev/null
+  LD_LIBRARY_PATH=$(dirname "$lib") "$prefix/consumer-$jsoncpp_first/consumer"
+done
 
 pcdir=$(dirname "$(find "$prefix" -name restclient.pc | head -n 1)")
 # shellcheck disable=SC2046

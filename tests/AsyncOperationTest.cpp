@@ -64,6 +64,9 @@ TEST(AsyncOperation, AWaitWithoutDoneLastsUntilTheThreadIsInterrupted)
     op.Start();
     std::atomic<bool> interrupted{false};
     std::atomic<bool> returned{false};
+    // Run by the waiter's loop: from then on the waiter is inside WaitUntilDone.
+    std::atomic<bool> waiting{false};
+    boost::asio::post(io, [&] { waiting = true; });
     boost::thread waiter([&] {
         try {
             op.WaitUntilDone(io);
@@ -72,7 +75,8 @@ TEST(AsyncOperation, AWaitWithoutDoneLastsUntilTheThreadIsInterrupted)
             interrupted = true;
         }
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(350));
+    for (int i = 0; i < 1000 && !waiting; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(waiting);
     EXPECT_FALSE(returned);
     waiter.interrupt();
     ASSERT_TRUE(waiter.try_join_for(boost::chrono::seconds(5)));

@@ -72,8 +72,7 @@ protected:
         if (!started) {
             EXPECT_TRUE(testing::runUntil(io, [&] { return outcome.calls > 0; }, 10s));
             http->close(true);
-            io.restart();
-            io.run_for(5s);
+            testing::runUntilIdle(io);
         }
         EXPECT_EQ(outcome.calls, 1);
         EXPECT_EQ(outcome.thread, std::this_thread::get_id());
@@ -117,15 +116,38 @@ TEST_F(HttpClientTest, RequestsThatCannotStartReturnAnErrorAndCompleteWithIt)
         config.write("ca_file = /nonexistent/ca.pem\n");
         EXPECT_TRUE(http->asyncRequest(request("https://127.0.0.1:1/")));
     }
-    io.run_for(5s);
+    testing::runUntilIdle(io);
     EXPECT_EQ(outcome.calls, 4);
     EXPECT_TRUE(outcome.ec);
 }
 
+TEST_F(HttpClientTest, AHeaderFieldThatWouldWriteLinesOfItsOwnRefusesTheRequest)
+{
+    for (auto const& [name, value] : std::vector<std::pair<std::string, std::string>>{
+             {"Authorization", "Bearer abc\r\nX-Injected: yes"},
+             {"X-Token", "abc\nX-Injected: yes"},
+             {"X-Token", "abc\rX-Injected: yes"},
+             {"X-Token", std::string("abc\0def", 7)},
+             {"X-Injected: yes\r\nX-Token", "abc"},
+         }) {
+        HttpRequest refused = request(server.baseUrl() + "/");
+        refused.setField(name, value);
+        refused.setField("Accept", "application/json");  // a later good field does not clear the mark
+        Outcome outcome;
+        auto http = client(outcome);
+        EXPECT_EQ(http->asyncRequest(refused), boost::system::errc::invalid_argument) << name << ": " << value;
+        testing::runUntilIdle(io);
+        EXPECT_EQ(outcome.calls, 1);
+        EXPECT_EQ(outcome.ec, boost::system::errc::invalid_argument);
+    }
+    EXPECT_TRUE(server.requests().empty());
+}
+
 TEST_F(HttpClientTest, BrokenPeersAndOversizedBodiesEndInAnError)
 {
-    auto const closedPort = boost::asio::ip::tcp::acceptor(io, {boost::asio::ip::make_address("127.0.0.1"), 0}).local_endpoint().port();
-    EXPECT_EQ(exchange(request("http://127.0.0.1:" + std::to_string(closedPort) + "/")).ec,
+    // Bound, so no other socket takes the port, and not listening, so a connect is refused.
+    boost::asio::ip::tcp::socket bound(io, {boost::asio::ip::make_address("127.0.0.1"), 0});
+    EXPECT_EQ(exchange(request("http://127.0.0.1:" + std::to_string(bound.local_endpoint().port()) + "/")).ec,
               boost::asio::error::connection_refused);
 
     struct Case {
@@ -188,8 +210,7 @@ TEST_F(HttpClientTest, StartsFromAnyThreadAndCompletesOnTheIoThreadEvenAfterTheC
     ASSERT_FALSE(started);
     http.reset();
     EXPECT_TRUE(testing::runUntil(io, [&] { return outcome.calls > 0; }, 10s));
-    io.restart();
-    io.run_for(5s);
+    testing::runUntilIdle(io);
     EXPECT_EQ(outcome.calls, 1);
     EXPECT_EQ(outcome.thread, std::this_thread::get_id());
     EXPECT_EQ(outcome.response.status(), 200u);

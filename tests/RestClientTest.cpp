@@ -161,6 +161,29 @@ TEST_F(RestClientTest, A200BodyThatIsNotJsonIsABadMessage)
     EXPECT_FALSE(outcome.doc.filled);
 }
 
+// Nesting past the reader's limit of 1,000 levels makes the reader throw: the engine must
+// take that as a body that does not parse, not let it out of io_context::run().
+TEST_F(RestClientTest, JsonNestedPastTheReadersLimitIsABodyThatDoesNotParse)
+{
+    std::string const deep = std::string(1001, '[') + std::string(1001, ']');
+    for (unsigned int status : {200u, 500u}) {
+        reply(status, deep);
+        outcome = Outcome();
+        auto client = engine(url());
+        ASSERT_FALSE(client->asyncRequest(http::verb::get));
+        io.restart();
+        ASSERT_NO_THROW(runIo()) << status;
+
+        ASSERT_EQ(outcome.calls, 1) << status;
+        EXPECT_EQ(outcome.status, status);
+        EXPECT_EQ(outcome.ec, status == 200 ? make_error_code(boost::system::errc::bad_message)
+                                            : boost::system::error_code())
+            << status;
+        EXPECT_FALSE(outcome.doc.filled) << status;
+        EXPECT_EQ(outcome.error.code.value, 0u) << status;
+    }
+}
+
 // Time-outs, refused connections and untrusted certificates are the transport's tests; here
 // it is enough that one transport error reaches the callback as it is.
 TEST_F(RestClientTest, ATransportFailureReachesTheCallbackWithDefaultDocuments)

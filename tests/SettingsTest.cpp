@@ -2,7 +2,13 @@
 
 #include <tests/support/ScopedControllerConfig.h>
 
+#include <boost/filesystem/path.hpp>
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 namespace tavix::controller {
 namespace {
@@ -70,13 +76,39 @@ TEST(SettingsTest, LoadReadsTheFileNamedByTheEnvironment)
 TEST(SettingsTest, AMissingFileMeansNothingIsConfigured)
 {
     testing::ScopedControllerConfig config;
-    ::setenv("TAVIX_CONTROLLER_CONFIG", (config.path() + ".absent").c_str(), 1);
-    boost::system::error_code ec = make_error_code(SettingsError::unreadable);
-    Settings const s = Settings::load(ec);
-    EXPECT_FALSE(ec);
-    EXPECT_EQ(s.caFile, "");
-    EXPECT_EQ(s.clientCertFile, "");
-    EXPECT_FALSE(s.disableTls);
+    std::string const absent = config.path() + ".absent", fifo = config.path() + ".fifo";
+    // A FIFO without a writer reads as empty rather than blocking the caller.
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (std::string const& path : {absent, fifo}) {
+        ::setenv("TAVIX_CONTROLLER_CONFIG", path.c_str(), 1);
+        boost::system::error_code ec = make_error_code(SettingsError::unreadable);
+        Settings const s = Settings::load(ec);
+        EXPECT_FALSE(ec) << path;
+        EXPECT_EQ(s.caFile, "");
+        EXPECT_FALSE(s.disableTls);
+    }
+    ::unlink(fifo.c_str());
+}
+
+TEST(SettingsTest, AFileThatCannotBeReadIsAnErrorNamingPathAndReason)
+{
+    testing::ScopedControllerConfig config("ca_file = /x/ca.pem\n");
+    std::vector<std::pair<std::string, int>> cases = {
+        {boost::filesystem::path(config.path()).parent_path().string(), EISDIR},
+        {config.path() + "/below", ENOTDIR},
+    };
+    // Root reads every file whatever its mode.
+    if (::geteuid() != 0) cases.emplace_back(config.path(), EACCES);
+    ::chmod(config.path().c_str(), 0);
+    for (auto const& [path, reason] : cases) {
+        ::setenv("TAVIX_CONTROLLER_CONFIG", path.c_str(), 1);
+        boost::system::error_code ec;
+        std::string detail;
+        Settings const s = Settings::load(ec, &detail);
+        EXPECT_EQ(ec, SettingsError::unreadable) << path;
+        EXPECT_EQ(detail, path + ": " + boost::system::error_code(reason, boost::system::system_category()).message());
+        EXPECT_EQ(s.caFile, "");
+    }
 }
 
 } // namespace

@@ -3,9 +3,11 @@
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <sstream>
 
@@ -36,6 +38,28 @@ bool parseBool(std::string text, bool& out)
     return false;
 }
 
+// The whole of `file` into `text`; 0, or the errno of what kept it from being read (a
+// directory, say, opens and then fails to read with EISDIR).
+int readWhole(std::string const& file, std::string& text)
+{
+    // Non-blocking, so that a FIFO without a writer cannot hang the caller.
+    int const fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return errno;
+    int error = 0;
+    char buffer[4096];
+    for (;;) {
+        ssize_t const n = ::read(fd, buffer, sizeof buffer);
+        if (n > 0) text.append(buffer, static_cast<std::size_t>(n));
+        else if (n == 0) break;
+        else if (errno != EINTR) {
+            error = errno;
+            break;
+        }
+    }
+    ::close(fd);
+    return error;
+}
+
 } // namespace
 
 boost::system::error_category const& settings_category()
@@ -58,19 +82,18 @@ std::string Settings::path()
 Settings Settings::load(boost::system::error_code& ec, std::string* detail)
 {
     std::string const file = path();
-    std::ifstream in(file);
-    if (!in) {
-        if (errno == ENOENT) {
-            ec = {};
-            return {};
-        }
-        ec = SettingsError::unreadable;
-        if (detail) *detail = file + ": cannot be read";
+    std::string text;
+    int const error = readWhole(file, text);
+    if (error == ENOENT) {
+        ec = {};
         return {};
     }
-    std::ostringstream text;
-    text << in.rdbuf();
-    Settings settings = parse(text.str(), ec, detail);
+    if (error) {
+        ec = SettingsError::unreadable;
+        if (detail) *detail = file + ": " + boost::system::error_code(error, boost::system::system_category()).message();
+        return {};
+    }
+    Settings settings = parse(text, ec, detail);
     if (ec && detail) *detail = file + ":" + *detail;
     return settings;
 }

@@ -11,7 +11,9 @@
 
 namespace tavix::controller {
 
-// Errors of `Settings::load` (a missing file is not one: it means nothing is configured).
+// Errors of `Settings::load`. A missing file is not one: it means nothing is configured. Any
+// other reason the file cannot be read (a directory, no permission, a read error) is
+// `unreadable`.
 enum class SettingsError { unreadable = 1, malformedLine, unknownKey, badValue };
 TAVIX_EXPORT boost::system::error_category const& settings_category();
 TAVIX_EXPORT boost::system::error_code make_error_code(SettingsError e);
@@ -25,8 +27,8 @@ struct TAVIX_EXPORT Settings {
     std::string commonName;      // common_name
 
     static std::string path();
-    // Reads `path()`. On error `ec` is set, `detail` (when given) says where and why, and the
-    // settings returned are empty.
+    // Reads `path()`. On error `ec` is set, `detail` (when given) says where and why (the path
+    // and the system's reason, or the path and line), and the settings returned are empty.
     static Settings load(boost::system::error_code& ec, std::string* detail = nullptr);
     static Settings parse(std::string const& text, boost::system::error_code& ec,
                           std::string* detail = nullptr);

@@ -1,6 +1,6 @@
 #include <restclient/account/AccountClient.h>
 
-#include <fmt/format.h>
+#include <restclient/detail/RequestSetup.h>
 
 namespace tavix::restclient::account {
 
@@ -26,17 +26,10 @@ AccountClient::AccountClient(boost::asio::io_context& io, Engine::Callback callb
 
 boost::system::error_code AccountClient::getCurrent()
 {
-    boost::system::error_code ec;
-    std::string const text =
-        fmt::format("{}://{}:{}/{}/accounts/current", m_tls ? "https" : "http", m_host, m_port, m_path);
-    net::http::Url const url = net::http::Url::createUrl(text, ec);
-    if (ec) return ec;
-
     net::http::HttpRequest& request = m_engine.request();
-    request.url(url);
-    request.setField("Authorization", "Bearer " + m_token);
-    request.accept("application/json");
-    request.contentType("application/json");
+    auto const bearer = [&](net::http::Url const&) { request.setField("Authorization", "Bearer " + m_token); };
+    std::string const text = detail::serviceUrl(m_tls, m_host, m_port, m_path, "/accounts/current");
+    if (auto ec = detail::prepareJsonRequest(request, text, bearer)) return ec;
     return m_engine.asyncRequest(boost::beast::http::verb::get);
 }
 

@@ -10,7 +10,7 @@
 
 namespace tavix::restclient::account {
 
-class TAVIX_EXPORT AccountResponse : public IWebResponse {
+class RESTCLIENT_EXPORT AccountResponse : public IWebResponse {
 public:
     // Takes the "@href" of the links named "storage" and "users" under "account"/"links"/"link"
     // (the last one of a name wins). The "link" member must be an array.
@@ -20,7 +20,7 @@ public:
     std::string usersURL;
 };
 
-class TAVIX_EXPORT AccountClient {
+class RESTCLIENT_EXPORT AccountClient {
 public:
     using Engine = RestClient<AccountResponse, veltrun::TavixErrorResponse>;
 

@@ -1,5 +1,7 @@
 #include <restclient/account/AccountUserClient.h>
 
+#include <restclient/detail/RequestSetup.h>
+
 #include <boost/lexical_cast.hpp>
 
 namespace tavix::restclient::account {
@@ -9,15 +11,9 @@ namespace {
 template <typename Engine>
 boost::system::error_code getWithBearer(Engine& engine, std::string const& text, std::string const& token)
 {
-    boost::system::error_code ec;
-    net::http::Url const url = net::http::Url::createUrl(text, ec);
-    if (ec) return ec;
-
     net::http::HttpRequest& request = engine.request();
-    request.url(url);
-    request.setField("Authorization", "Bearer " + token);
-    request.accept("application/json");
-    request.contentType("application/json");
+    auto const bearer = [&](net::http::Url const&) { request.setField("Authorization", "Bearer " + token); };
+    if (auto ec = detail::prepareJsonRequest(request, text, bearer)) return ec;
     return engine.asyncRequest(boost::beast::http::verb::get);
 }
 

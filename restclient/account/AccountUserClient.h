@@ -11,7 +11,7 @@
 
 namespace tavix::restclient::account {
 
-class TAVIX_EXPORT AccountUserResponse : public IWebResponse {
+class RESTCLIENT_EXPORT AccountUserResponse : public IWebResponse {
 public:
     // Overwrites every field from the "user" member; a missing key reads as "" or false.
     void handleResponse(Json::Value const& document) override;
@@ -23,7 +23,7 @@ public:
     bool isOwner = false;
 };
 
-class TAVIX_EXPORT AccountUserListResponse : public IWebResponse {
+class RESTCLIENT_EXPORT AccountUserListResponse : public IWebResponse {
 public:
     // The "@totalCount" text of "users" decides the shape of "user": none at 0 or below, one
     // object at 1, an array from 2 on. A count that is not a strict 32-bit decimal throws
@@ -33,7 +33,7 @@ public:
     std::vector<std::string> userURLs;
 };
 
-class TAVIX_EXPORT AccountUserListClient {
+class RESTCLIENT_EXPORT AccountUserListClient {
 public:
     using Engine = RestClient<AccountUserListResponse, veltrun::TavixErrorResponse>;
 
@@ -50,7 +50,7 @@ private:
     std::string m_token;
 };
 
-class TAVIX_EXPORT AccountUserClient {
+class RESTCLIENT_EXPORT AccountUserClient {
 public:
     using Engine = RestClient<AccountUserResponse, veltrun::TavixErrorResponse>;
 

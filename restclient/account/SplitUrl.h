@@ -2,7 +2,7 @@
 // host-and-port clients are built from.
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 
 #include <string>
 
@@ -12,7 +12,7 @@ namespace tavix::restclient::account {
 // TLS; a missing port is 443 or 80 by that flag. When the path holds "accounts/", `path` is
 // cut to end with "accounts" and `accountPart` gets what follows; otherwise `accountPart` is
 // left as it was.
-TAVIX_EXPORT bool split_URL(std::string const& url, std::string& host, unsigned int& port, bool& tls,
+RESTCLIENT_EXPORT bool split_URL(std::string const& url, std::string& host, unsigned int& port, bool& tls,
                             std::string& path, std::string& accountPart);
 
 } // namespace tavix::restclient::account

@@ -1,6 +1,6 @@
 #include <restclient/geo/GeoClient.h>
 
-#include <fmt/format.h>
+#include <restclient/detail/RequestSetup.h>
 
 namespace tavix::restclient::geo {
 
@@ -26,17 +26,12 @@ GeoClient::GeoClient(boost::asio::io_context& io, Engine::Callback callback, std
 
 boost::system::error_code GeoClient::getGeo()
 {
-    if (m_url.empty()) m_url = fmt::format("{}://{}:{}/{}", m_tls ? "https" : "http", m_host, m_port, m_path);
-    boost::system::error_code ec;
-    net::http::Url const url = net::http::Url::createUrl(m_url, ec);
-    if (ec) return ec;
-
-    std::string const authorization = authorizationFor(m_token, m_authCallback, "GET", m_url, "");
-    if (!authorization.empty()) m_engine.authorization(authorization);
-    net::http::HttpRequest& request = m_engine.request();
-    request.url(url);
-    request.accept("application/json");
-    request.contentType("application/json");
+    if (m_url.empty()) m_url = detail::serviceUrl(m_tls, m_host, m_port, m_path);
+    auto const authorize = [this](net::http::Url const&) {
+        std::string const authorization = authorizationFor(m_token, m_authCallback, "GET", m_url, "");
+        if (!authorization.empty()) m_engine.authorization(authorization);
+    };
+    if (auto ec = detail::prepareJsonRequest(m_engine.request(), m_url, authorize)) return ec;
     // Deliberately dropped: once the URL is made, the lookup reports success.
     m_engine.asyncRequest(boost::beast::http::verb::get);
     return {};

@@ -12,7 +12,7 @@
 
 namespace tavix::restclient::geo {
 
-class TAVIX_EXPORT GeoResponse : public IWebResponse {
+class RESTCLIENT_EXPORT GeoResponse : public IWebResponse {
 public:
     GeoResponse();
 
@@ -23,7 +23,7 @@ public:
     Value<std::string> countryIso;
 };
 
-class TAVIX_EXPORT GeoClient {
+class RESTCLIENT_EXPORT GeoClient {
 public:
     using Engine = RestClient<GeoResponse, veltrun::BasicErrorResponse>;
 

@@ -1,6 +1,6 @@
 #include <restclient/httplite/RegistrationClient.h>
 
-#include <fmt/format.h>
+#include <restclient/detail/RequestSetup.h>
 
 namespace tavix::restclient::httplite {
 
@@ -55,21 +55,15 @@ boost::system::error_code RegistrationClient::deleteRegistration()
 
 boost::system::error_code RegistrationClient::send(boost::beast::http::verb verb, RegistrationRequest const* body)
 {
-    boost::system::error_code ec;
-    std::string const text =
-        fmt::format("{}://{}:{}/{}/registrations/current", m_tls ? "https" : "http", m_host, m_port, m_path);
-    net::http::Url const url = net::http::Url::createUrl(text, ec);
-    if (ec) return ec;
-
-    net::http::HttpRequest& request = m_engine.request();
-    request.url(url);
-    std::string const method(boost::beast::http::to_string(verb));
-    std::string const authorization =
-        authorizationFor(m_token, m_authCallback, method, url.toString(), body ? body->getPayload() : std::string());
-    if (!authorization.empty()) m_engine.authorization(authorization);
-    request.accept("application/json");
-    request.contentType("application/json");
-    if (body) request.payload(body->getPayload());
+    auto const authorize = [&](net::http::Url const& url) {
+        std::string const method(boost::beast::http::to_string(verb));
+        std::string const authorization = authorizationFor(m_token, m_authCallback, method, url.toString(),
+                                                           body ? body->getPayload() : std::string());
+        if (!authorization.empty()) m_engine.authorization(authorization);
+    };
+    std::string const text = detail::serviceUrl(m_tls, m_host, m_port, m_path, "/registrations/current");
+    if (auto ec = detail::prepareJsonRequest(m_engine.request(), text, authorize)) return ec;
+    if (body) m_engine.request().payload(body->getPayload());
     return m_engine.asyncRequest(verb);
 }
 

@@ -13,7 +13,7 @@
 
 namespace tavix::restclient::httplite {
 
-class TAVIX_EXPORT RegistrationRequest : public IWebRequest {
+class RESTCLIENT_EXPORT RegistrationRequest : public IWebRequest {
 public:
     RegistrationRequest();
 
@@ -25,7 +25,7 @@ public:
 };
 
 // The state of the registration as the service holds it; times are the service's text.
-class TAVIX_EXPORT RegistrationResponse : public IWebResponse {
+class RESTCLIENT_EXPORT RegistrationResponse : public IWebResponse {
 public:
     RegistrationResponse();
 
@@ -45,7 +45,7 @@ public:
 };
 
 // Only the first request of a client object reaches the callback: use one object per request.
-class TAVIX_EXPORT RegistrationClient {
+class RESTCLIENT_EXPORT RegistrationClient {
 public:
     using Engine = RestClient<RegistrationResponse, veltrun::TavixErrorResponse>;
 

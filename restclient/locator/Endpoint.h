@@ -9,7 +9,7 @@
 
 namespace tavix::restclient::locator {
 
-class TAVIX_EXPORT Endpoint : public IWebSerializable {
+class RESTCLIENT_EXPORT Endpoint : public IWebSerializable {
 public:
     Endpoint();
     Endpoint(Endpoint const& other) = default;

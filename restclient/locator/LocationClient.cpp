@@ -1,19 +1,12 @@
 #include <restclient/locator/LocationClient.h>
 
-#include <fmt/format.h>
+#include <restclient/detail/RequestSetup.h>
 
 namespace tavix::restclient::locator {
 
 namespace {
 
 char const* const endpointKey = "tavixServerEndpoint";
-
-void finishRequest(net::http::HttpRequest& request, std::string const& userAgent)
-{
-    if (!userAgent.empty()) request.setField("User-Agent", userAgent);
-    request.accept("application/json");
-    request.contentType("application/json");
-}
 
 } // namespace
 
@@ -38,16 +31,14 @@ LocationClient::LocationClient(boost::asio::io_context& io, Engine::Callback cal
 
 boost::system::error_code LocationClient::getLocation(std::string const& serviceName)
 {
-    boost::system::error_code ec;
-    std::string const text =
-        fmt::format("{}://{}:{}/{}/locations/{}", m_tls ? "https" : "http", m_host, m_port, m_path, serviceName);
-    net::http::Url const url = net::http::Url::createUrl(text, ec);
-    if (ec) return ec;
-
-    m_engine.request().url(url);
-    std::string const authorization = authorizationFor(m_token, m_authCallback, "GET", url.toString(), "");
-    if (!authorization.empty()) m_engine.authorization(authorization);
-    finishRequest(m_engine.request(), m_userAgent);
+    net::http::HttpRequest& request = m_engine.request();
+    auto const ownFields = [&](net::http::Url const& url) {
+        std::string const authorization = authorizationFor(m_token, m_authCallback, "GET", url.toString(), "");
+        if (!authorization.empty()) m_engine.authorization(authorization);
+        if (!m_userAgent.empty()) request.setField("User-Agent", m_userAgent);
+    };
+    std::string const text = detail::serviceUrl(m_tls, m_host, m_port, m_path, "/locations/" + serviceName);
+    if (auto ec = detail::prepareJsonRequest(request, text, ownFields)) return ec;
     // Deliberately dropped: once the URL is made, the lookup reports success.
     m_engine.asyncRequest(boost::beast::http::verb::get);
     return {};
@@ -61,14 +52,13 @@ LocationsClient::LocationsClient(boost::asio::io_context& io, Engine::Callback c
 
 boost::system::error_code LocationsClient::getLocations()
 {
-    boost::system::error_code ec;
-    std::string const text = fmt::format("{}://{}:{}/{}/locations", m_tls ? "https" : "http", m_host, m_port, m_path);
-    net::http::Url const url = net::http::Url::createUrl(text, ec);
-    if (ec) return ec;
-
-    m_engine.request().url(url);
-    m_engine.request().setField("Authorization", "Bearer " + m_token);
-    finishRequest(m_engine.request(), m_userAgent);
+    net::http::HttpRequest& request = m_engine.request();
+    auto const ownFields = [&](net::http::Url const&) {
+        request.setField("Authorization", "Bearer " + m_token);
+        if (!m_userAgent.empty()) request.setField("User-Agent", m_userAgent);
+    };
+    std::string const text = detail::serviceUrl(m_tls, m_host, m_port, m_path, "/locations");
+    if (auto ec = detail::prepareJsonRequest(request, text, ownFields)) return ec;
     // Deliberately dropped, as in LocationClient.
     m_engine.asyncRequest(boost::beast::http::verb::get);
     return {};

@@ -12,7 +12,7 @@
 
 namespace tavix::restclient::locator {
 
-class TAVIX_EXPORT LocationResponse : public IWebResponse {
+class RESTCLIENT_EXPORT LocationResponse : public IWebResponse {
 public:
     // Reads `endpoint` from "tavixServerEndpoint"; a missing member leaves it empty.
     void handleResponse(Json::Value const& document) override;
@@ -20,7 +20,7 @@ public:
     Endpoint endpoint;
 };
 
-class TAVIX_EXPORT LocationsResponse : public IWebResponse {
+class RESTCLIENT_EXPORT LocationsResponse : public IWebResponse {
 public:
     // Appends one endpoint per element of a "tavixServerEndpoint" array, or one for a single
     // object; never clears what is already there.
@@ -29,7 +29,7 @@ public:
     std::vector<Endpoint> endpoints;
 };
 
-class TAVIX_EXPORT LocationClient {
+class RESTCLIENT_EXPORT LocationClient {
 public:
     using Engine = RestClient<LocationResponse, veltrun::TavixErrorResponse>;
 
@@ -57,7 +57,7 @@ private:
     std::string m_path;
 };
 
-class TAVIX_EXPORT LocationsClient {
+class RESTCLIENT_EXPORT LocationsClient {
 public:
     using Engine = RestClient<LocationsResponse, veltrun::TavixErrorResponse>;
 

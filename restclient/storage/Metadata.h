@@ -4,7 +4,7 @@
 //   "metadata": {"item": [{"key": "...", "value": <scalar>}, ...]}
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 #include <restclient/IWebSerializable.h>
 #include <restclient/Variant.h>
 
@@ -20,7 +20,7 @@
 
 namespace tavix::restclient::storage {
 
-class TAVIX_EXPORT Metadata : public IWebSerializable {
+class RESTCLIENT_EXPORT Metadata : public IWebSerializable {
 public:
     using Entry = std::pair<std::string, VariantValue>;
     using Entries = boost::multi_index_container<

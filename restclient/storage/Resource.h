@@ -2,7 +2,7 @@
 // links to its download address ("url") and its version list ("versions").
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 #include <restclient/IWebSerializable.h>
 #include <restclient/Value.h>
 #include <restclient/storage/Metadata.h>
@@ -12,7 +12,7 @@
 namespace tavix::restclient::storage {
 
 // "url": {"href": ...}
-class TAVIX_EXPORT Url : public IWebSerializable {
+class RESTCLIENT_EXPORT Url : public IWebSerializable {
 public:
     Url();
     void serialize(JsonWriter& writer) const override;
@@ -23,7 +23,7 @@ public:
 };
 
 // "versions": {"href": ...}
-class TAVIX_EXPORT Versions : public IWebSerializable {
+class RESTCLIENT_EXPORT Versions : public IWebSerializable {
 public:
     Versions();
     void serialize(JsonWriter& writer) const override;
@@ -35,7 +35,7 @@ public:
 
 // Reading does not clear the record first: only what the JSON carries is overwritten, and
 // the metadata merges.
-class TAVIX_EXPORT Resource : public IWebSerializable {
+class RESTCLIENT_EXPORT Resource : public IWebSerializable {
 public:
     Resource();
     Resource(Resource const&) = default;

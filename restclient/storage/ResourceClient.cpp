@@ -1,24 +1,15 @@
 #include <restclient/storage/ResourceClient.h>
 
-#include <restclient/storage/JsonRequest.h>
+#include <restclient/detail/RequestSetup.h>
 
 #include <fmt/format.h>
 
 namespace tavix::restclient::storage {
 
-namespace {
-
 using boost::beast::http::verb;
 using boost::system::error_code;
-using detail::acceptJson;
-using detail::address;
-
-std::string base(bool tls, std::string const& host, unsigned int port, std::string const& path)
-{
-    return fmt::format("{}://{}:{}/{}", tls ? "https" : "http", host, port, path);
-}
-
-} // namespace
+using detail::prepareJsonRequest;
+using detail::serviceUrl;
 
 ResourceClient::ResourceClient(boost::asio::io_context& io, Engine::Callback callback, std::string const& host,
                                unsigned int port, std::string const& token, std::string const& accountPart, bool tls,
@@ -30,16 +21,16 @@ ResourceClient::ResourceClient(boost::asio::io_context& io, Engine::Callback cal
 
 error_code ResourceClient::get(std::string const& project, std::string const& object)
 {
-    return send(fmt::format("{}/{}/project/{}/{}", base(tls, host, port, path), accountPart, project, object));
+    return send(serviceUrl(tls, host, port, path, fmt::format("/{}/project/{}/{}", accountPart, project, object)));
 }
 
 error_code ResourceClient::latest(std::string const& project) { return get(project, "latest"); }
 
 error_code ResourceClient::send(std::string const& text)
 {
-    if (error_code ec = address(m_engine.request(), text)) return ec;
-    m_engine.request().setField("Authorization", authorization);
-    acceptJson(m_engine.request());
+    net::http::HttpRequest& request = m_engine.request();
+    auto const bearer = [&](net::http::Url const&) { request.setField("Authorization", authorization); };
+    if (error_code ec = prepareJsonRequest(request, text, bearer)) return ec;
     return m_engine.asyncRequest(verb::get);
 }
 
@@ -52,9 +43,8 @@ ResourceCurrentClient::ResourceCurrentClient(boost::asio::io_context& io, Engine
 
 error_code ResourceCurrentClient::current()
 {
-    if (error_code ec = address(m_engine.request(), base(tls, host, port, path))) return ec;
-    m_engine.authorization(authorization);
-    acceptJson(m_engine.request());
+    auto const bearer = [this](net::http::Url const&) { m_engine.authorization(authorization); };
+    if (error_code ec = prepareJsonRequest(m_engine.request(), serviceUrl(tls, host, port, path), bearer)) return ec;
     return m_engine.asyncRequest(verb::get);
 }
 
@@ -86,10 +76,9 @@ error_code ResourceSearchClient::list(std::string const& project) { return list(
 
 error_code ResourceSearchClient::send(std::string const& tail)
 {
-    std::string const text = fmt::format("{}/{}{}", base(tls, host, port, path), accountPart, tail);
-    if (error_code ec = address(m_engine.request(), text)) return ec;
-    m_engine.authorization(authorization);
-    acceptJson(m_engine.request());
+    auto const bearer = [this](net::http::Url const&) { m_engine.authorization(authorization); };
+    std::string const text = serviceUrl(tls, host, port, path, "/" + accountPart + tail);
+    if (error_code ec = prepareJsonRequest(m_engine.request(), text, bearer)) return ec;
     return m_engine.asyncRequest(verb::get);
 }
 
@@ -100,9 +89,9 @@ ResourceDownloadClient::ResourceDownloadClient(boost::asio::io_context& io, Engi
 
 error_code ResourceDownloadClient::getDownloadURL(std::string const& url, std::string const& token)
 {
-    if (error_code ec = address(m_engine.request(), url)) return ec;
-    m_engine.request().setField("Authorization", "Bearer " + token);
-    acceptJson(m_engine.request());
+    net::http::HttpRequest& request = m_engine.request();
+    auto const bearer = [&](net::http::Url const&) { request.setField("Authorization", "Bearer " + token); };
+    if (error_code ec = prepareJsonRequest(request, url, bearer)) return ec;
     return m_engine.asyncRequest(verb::get);
 }
 

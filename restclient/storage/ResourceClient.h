@@ -7,7 +7,7 @@
 // sends nothing) when the composed address does not parse.
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 #include <restclient/RestClient.h>
 #include <restclient/storage/ResourceResponse.h>
 #include <restclient/veltrun/TavixErrorResponse.h>
@@ -22,7 +22,7 @@ namespace tavix::restclient::storage {
 // Addresses below start with B = "http[s]://host:port/" + path; a path that begins with "/"
 // gives a doubled slash, sent as it is.
 
-class TAVIX_EXPORT ResourceClient {
+class RESTCLIENT_EXPORT ResourceClient {
 public:
     using Engine = RestClient<ResourceResponse, veltrun::TavixErrorResponse>;
 
@@ -49,7 +49,7 @@ public:
     std::string path;
 };
 
-class TAVIX_EXPORT ResourceCurrentClient {
+class RESTCLIENT_EXPORT ResourceCurrentClient {
 public:
     using Engine = RestClient<ResourcesResponse, veltrun::TavixErrorResponse>;
 
@@ -71,7 +71,7 @@ public:
     std::string path;
 };
 
-class TAVIX_EXPORT ResourceSearchClient {
+class RESTCLIENT_EXPORT ResourceSearchClient {
 public:
     using Engine = RestClient<ResourcesResponse, veltrun::TavixErrorResponse>;
 
@@ -108,7 +108,7 @@ public:
     std::string path;
 };
 
-class TAVIX_EXPORT ResourceDownloadClient {
+class RESTCLIENT_EXPORT ResourceDownloadClient {
 public:
     using Engine = RestClient<URLResponse, veltrun::TavixErrorResponse>;
 

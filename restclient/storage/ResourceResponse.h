@@ -2,7 +2,7 @@
 // address. An answer that is not a JSON object fills nothing.
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 #include <restclient/IWebResponse.h>
 #include <restclient/Value.h>
 #include <restclient/storage/Resource.h>
@@ -13,14 +13,14 @@
 namespace tavix::restclient::storage {
 
 // The single-resource answer carries the resource's keys at its top level.
-class TAVIX_EXPORT ResourceResponse : public IWebResponse {
+class RESTCLIENT_EXPORT ResourceResponse : public IWebResponse {
 public:
     void handleResponse(Json::Value const& json) override;
 
     Resource resource;
 };
 
-class TAVIX_EXPORT ResourcesResponse : public IWebResponse {
+class RESTCLIENT_EXPORT ResourcesResponse : public IWebResponse {
 public:
     ResourcesResponse();
     void handleResponse(Json::Value const& json) override;
@@ -32,7 +32,7 @@ public:
     std::vector<Resource> resources;
 };
 
-class TAVIX_EXPORT URLResponse : public IWebResponse {
+class RESTCLIENT_EXPORT URLResponse : public IWebResponse {
 public:
     URLResponse();
     void handleResponse(Json::Value const& json) override;

@@ -1,6 +1,6 @@
 #include <restclient/storage/StoreClient.h>
 
-#include <restclient/storage/JsonRequest.h>
+#include <restclient/detail/RequestSetup.h>
 
 #include <fmt/format.h>
 
@@ -8,8 +8,7 @@ namespace tavix::restclient::storage {
 
 using boost::beast::http::verb;
 using boost::system::error_code;
-using detail::acceptJson;
-using detail::address;
+using detail::prepareJsonRequest;
 
 StoreRequest::StoreRequest()
     : contentType("contentType", "binary/octet-stream"), name("name", ""), type("type", "project")
@@ -50,33 +49,30 @@ StoreClient::StoreClient(boost::asio::io_context& io, Engine::Callback callback,
 
 std::string StoreClient::base() const
 {
-    return fmt::format("{}://{}:{}/{}/{}", tls ? "https" : "http", host, port, path, accountPart);
+    return detail::serviceUrl(tls, host, port, path, "/" + accountPart);
 }
 
 error_code StoreClient::store(StoreRequest const& request)
 {
-    if (error_code ec = address(m_engine.request(), base() + "/files")) return ec;
-    m_engine.authorization(authorization);
-    acceptJson(m_engine.request());
+    auto const bearer = [this](net::http::Url const&) { m_engine.authorization(authorization); };
+    if (error_code ec = prepareJsonRequest(m_engine.request(), base() + "/files", bearer)) return ec;
     m_engine.request().payload(request.getPayload());
     return m_engine.asyncRequest(verb::post);
 }
 
 error_code StoreClient::get(std::string const& project, std::string const& object)
 {
-    if (error_code ec = address(m_engine.request(), fmt::format("{}/project/{}/{}/url", base(), project, object))) {
-        return ec;
-    }
-    m_engine.authorization(authorization);
-    acceptJson(m_engine.request());
+    auto const bearer = [this](net::http::Url const&) { m_engine.authorization(authorization); };
+    std::string const text = fmt::format("{}/project/{}/{}/url", base(), project, object);
+    if (error_code ec = prepareJsonRequest(m_engine.request(), text, bearer)) return ec;
     return m_engine.asyncRequest(verb::get);
 }
 
 error_code StoreClient::remove(std::string const& href)
 {
-    if (error_code ec = address(m_engine.request(), href)) return ec;
-    m_engine.request().setField("Authorization", authorization);
-    acceptJson(m_engine.request());
+    net::http::HttpRequest& request = m_engine.request();
+    auto const bearer = [&](net::http::Url const&) { request.setField("Authorization", authorization); };
+    if (error_code ec = prepareJsonRequest(request, href, bearer)) return ec;
     return m_engine.asyncRequest(verb::delete_);
 }
 

@@ -7,7 +7,7 @@
 // sends nothing) when its address does not parse.
 #pragma once
 
-#include <platform/Export.h>
+#include <restclient/Export.h>
 #include <restclient/IWebRequest.h>
 #include <restclient/IWebResponse.h>
 #include <restclient/RestClient.h>
@@ -23,7 +23,7 @@
 namespace tavix::restclient::storage {
 
 // Body of a store call: {"resource": {"metadata": {...}, "contentType", "name", "type"}}.
-class TAVIX_EXPORT StoreRequest : public IWebRequest {
+class RESTCLIENT_EXPORT StoreRequest : public IWebRequest {
 public:
     StoreRequest();
     std::string getPayload() const override;
@@ -34,7 +34,7 @@ public:
     Value<std::string> type;  // "project" unless changed
 };
 
-class TAVIX_EXPORT StoreResponse : public IWebResponse {
+class RESTCLIENT_EXPORT StoreResponse : public IWebResponse {
 public:
     StoreResponse();
     // Reads "href", "expires" and "url" from an object answer.
@@ -45,7 +45,7 @@ public:
     Value<std::string> url;      // the pre-signed address for the object's body
 };
 
-class TAVIX_EXPORT StoreClient {
+class RESTCLIENT_EXPORT StoreClient {
 public:
     using Engine = RestClient<StoreResponse, veltrun::TavixErrorResponse>;
 

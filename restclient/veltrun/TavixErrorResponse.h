@@ -8,7 +8,7 @@
 
 namespace tavix::restclient::veltrun {
 
-class TAVIX_EXPORT TavixErrorResponse : public IWebResponse {
+class RESTCLIENT_EXPORT TavixErrorResponse : public IWebResponse {
 public:
     TavixErrorResponse();
     TavixErrorResponse(TavixErrorResponse const& other) = default;
@@ -24,7 +24,7 @@ public:
     Value<unsigned int> subCode;
 };
 
-class TAVIX_EXPORT BasicErrorResponse : public IWebResponse {
+class RESTCLIENT_EXPORT BasicErrorResponse : public IWebResponse {
 public:
     BasicErrorResponse();
 

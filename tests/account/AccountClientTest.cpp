@@ -71,5 +71,16 @@ TEST_F(AccountClientTest, AnUnparsableUrlIsReturnedAndNothingIsSent)
     expectNothingSent(done);
 }
 
+TEST_F(AccountClientTest, ATokenThatWouldWriteAHeaderLineIsRefusedAndNothingIsSent)
+{
+    Completion done;
+    AccountClient client(io, done.callback(), host, cloud.port(), "abc\r\nX-Injected: yes", false, "v1");
+    EXPECT_EQ(client.getCurrent(), boost::system::errc::invalid_argument);
+    testing::runUntilIdle(io);
+    EXPECT_EQ(done.calls, 1);
+    EXPECT_EQ(done.ec, boost::system::errc::invalid_argument);
+    EXPECT_TRUE(cloud.serviceRequests().empty());
+}
+
 } // namespace
 } // namespace tavix::restclient::account

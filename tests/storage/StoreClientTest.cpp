@@ -45,6 +45,7 @@ protected:
     emulator::Response blob(http::verb verb, std::string const& url, std::string const& body = "")
     {
         emulator::Request exchange{verb, url.substr(cloud.baseUrl().size()), 11};
+        exchange.set(http::field::content_type, "binary/octet-stream");
         exchange.body() = body;
         exchange.prepare_payload();
         return cloud.handle(exchange);

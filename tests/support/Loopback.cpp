@@ -1,8 +1,5 @@
 #include <tests/support/Loopback.h>
 
-#include <json/reader.h>
-
-#include <sstream>
 #include <thread>
 
 namespace tavix::testing {
@@ -21,6 +18,13 @@ bool runUntil(boost::asio::io_context& io, std::function<bool()> const& done, st
     return true;
 }
 
+void runUntilIdle(boost::asio::io_context& io, std::chrono::milliseconds bound)
+{
+    io.restart();
+    io.run_for(bound);
+    EXPECT_TRUE(io.stopped()) << "work still outstanding after " << bound.count() << " ms";
+}
+
 HookRecord& hook()
 {
     static HookRecord record;
@@ -33,15 +37,6 @@ std::string recordingHook(std::string const& method, std::string const& url, std
     HookRecord& record = hook();
     ++record.calls, record.method = method, record.url = url, record.body = body, record.headers = headers.size();
     return record.answer;
-}
-
-Json::Value json(std::string const& text)
-{
-    Json::Value root;
-    std::istringstream in(text);
-    std::string errors;
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors)) << errors << " in " << text;
-    return root;
 }
 
 LoopbackTest::LoopbackTest(emulator::EmulatorConfig config) : cloud(std::move(config)) { hook() = {}; }

@@ -1,6 +1,7 @@
-// One TCP connection, plain or TLS, that HTTP exchanges run over. It is kept apart from the
-// exchange so that an idle keep-alive connection can outlive it (and, later, be handed from
-// one client object to the next). All its handlers run on its strand, so that a time-out or a
+// One TCP connection, plain or TLS, for one HTTP exchange: each exchange opens its own and asks
+// the server to close it after the response ("Connection: close"); nothing is reused yet. It is
+// an object apart from the exchange so that its client can close it (`HttpClient::close`) while
+// the exchange runs or after it. All its handlers run on its strand, so that a time-out or a
 // close never races an operation even when several threads run the io_context.
 #pragma once
 

@@ -8,10 +8,6 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
 
-#include <sys/socket.h>
-
-#include <cerrno>
-
 namespace tavix::net::http {
 
 namespace asio = boost::asio;
@@ -89,17 +85,9 @@ void Exchange::begin()
 
 void Exchange::connectTo(tcp::endpoint const& endpoint)
 {
-    // The connection is started, not waited for: the first write (the request, or the TLS
-    // hello) waits until it is up, and reports a refused one. On loopback and other fast paths
-    // it is up already, which spares a round through the io_context.
-    auto& socket = m_connection->socket();
-    error_code ec;
-    socket.open(endpoint.protocol(), ec);
-    if (!ec) socket.native_non_blocking(true, ec);
-    if (!ec && ::connect(socket.native_handle(), endpoint.data(), endpoint.size()) != 0 && errno != EINPROGRESS) {
-        ec.assign(errno, boost::system::system_category());
-    }
-    onConnect(ec);
+    m_connection->socket().async_connect(endpoint, onStrand([self = shared_from_this()](error_code ec) {
+        self->onConnect(ec);
+    }));
 }
 
 void Exchange::onResolve(error_code ec, tcp::resolver::results_type endpoints)
@@ -126,6 +114,7 @@ void Exchange::onConnect(error_code ec)
 void Exchange::onHandshake(error_code ec)
 {
     if (interrupted(ec)) return finish(ec);
+    m_connectionUp = true;
     m_connection->withStream([this](auto& stream) {
         beast::http::async_write(stream, m_request,
                                  onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onWrite(ec); }));
@@ -135,7 +124,6 @@ void Exchange::onHandshake(error_code ec)
 void Exchange::onWrite(error_code ec)
 {
     if (interrupted(ec)) return finish(ec);
-    m_connected = true;
     // The head alone first: Beast 1.74 forgets a Content-Length over the body limit when the
     // body arrives in the same read as the head, and would then allocate the whole body.
     m_connection->withStream([this](auto& stream) {
@@ -200,8 +188,9 @@ void Exchange::armTimer(Clock::time_point deadline)
 void Exchange::onTimer(error_code ec)
 {
     if (ec || m_finished) return;
-    // Armed once, for the nearer deadline: connected by then, the exchange has until the other.
-    if (m_connected && Clock::now() < m_exchangeDeadline) return armTimer(m_exchangeDeadline);
+    // Armed once, for the nearer deadline; a connection up (handshake done) by the connect
+    // deadline has until the exchange deadline. One timer spares a cancel per exchange.
+    if (m_connectionUp && Clock::now() < m_exchangeDeadline) return armTimer(m_exchangeDeadline);
     m_timedOut = true;
     if (m_resolver) m_resolver->cancel();
     m_connection->close();

@@ -59,7 +59,7 @@ private:
     std::optional<boost::asio::ip::tcp::resolver> m_resolver;
     boost::asio::steady_timer m_timer;
     Clock::time_point m_exchangeDeadline;
-    bool m_connected = false;  // the request went out: the connect time-out no longer applies
+    bool m_connectionUp = false;  // connected, TLS handshake done: the connect time-out no longer applies
     bool m_timedOut = false;
     bool m_finished = false;
 

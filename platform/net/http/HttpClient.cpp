@@ -22,10 +22,12 @@ namespace {
 std::mutex s_defaultsMutex;
 ClientOptions s_defaults;
 
-// Checks the URL and, for https, gets the shared TLS context of the current settings.
-std::shared_ptr<asio::ssl::context> prepare(Url const& url, error_code& ec)
+// Checks the URL and the header fields and, for https, gets the shared TLS context of the
+// current settings.
+std::shared_ptr<asio::ssl::context> prepare(HttpRequest const& request, error_code& ec)
 {
-    if (!url.isValid() || url.host().empty()) {
+    Url const& url = request.url();
+    if (!url.isValid() || url.host().empty() || request.hasRefusedField()) {
         ec = make_error_code(boost::system::errc::invalid_argument);
         return nullptr;
     }
@@ -67,7 +69,7 @@ HttpClient::~HttpClient() = default;
 error_code HttpClient::asyncRequest(HttpRequest const& request)
 {
     error_code ec;
-    std::shared_ptr<asio::ssl::context> tls = prepare(request.url(), ec);
+    std::shared_ptr<asio::ssl::context> tls = prepare(request, ec);
     if (ec) {
         // Reported to the completion too: a caller that only waits for the callback (some
         // clients drop this result by design) must not wait forever.

@@ -18,7 +18,7 @@
 namespace tavix::net::http {
 
 struct ClientOptions {
-    std::chrono::milliseconds connectTimeout{10000};   // resolve, connect and TLS handshake
+    std::chrono::milliseconds connectTimeout{10000};   // resolve, connect and TLS handshake, together
     std::chrono::milliseconds exchangeTimeout{60000};  // the whole exchange, connect included
     std::size_t maxBodySize = 16 * 1024 * 1024;        // a larger response body is an error
 };
@@ -34,7 +34,8 @@ public:
     // Does not cancel an exchange in flight: it finishes and calls its completion.
     ~HttpClient();
 
-    // Starts one exchange; the result is the error of starting it. Every call ends in exactly
+    // Starts one exchange; the result is the error of starting it (`invalid_argument` for a
+    // request without a usable URL or with a refused header field). Every call ends in exactly
     // one completion: a refused start is reported there too, with the same error.
     boost::system::error_code asyncRequest(HttpRequest const& request);
 

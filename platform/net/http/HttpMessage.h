@@ -22,9 +22,12 @@ public:
     void accept(std::string const& value) { setField("Accept", value); }
     void contentType(std::string const& value) { setField("Content-Type", value); }
     void contentLength(std::string const& value) { setField("Content-Length", value); }
-    // Sets (replaces) one header field.
-    void setField(std::string const& name, std::string const& value) { m_fields.set(name, value); }
+    // Sets (replaces) one header field. A name or value holding CR, LF or NUL could write header
+    // lines of its own (a token comes from a server): it is not set, and the request is marked
+    // so that `HttpClient::asyncRequest` refuses it with `invalid_argument`.
+    void setField(std::string const& name, std::string const& value);
     boost::beast::http::fields const& fields() const { return m_fields; }
+    bool hasRefusedField() const { return m_refusedField; }
 
     void payload(std::string const& body) { m_payload = body; }
     std::string const& payload() const { return m_payload; }
@@ -33,6 +36,7 @@ private:
     Url m_url;
     boost::beast::http::verb m_method = boost::beast::http::verb::get;
     boost::beast::http::fields m_fields;
+    bool m_refusedField = false;
     std::string m_payload;
 };
 

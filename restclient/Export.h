@@ -1,0 +1,8 @@
+// Symbol visibility for librestclient: everything is hidden unless marked.
+#pragma once
+
+#if defined(RESTCLIENT_BUILDING_LIBRARY)
+#define RESTCLIENT_EXPORT __attribute__((visibility("default")))
+#else
+#define RESTCLIENT_EXPORT
+#endif
