@@ -39,3 +39,8 @@ file(RELATIVE_PATH RESTCLIENT_PC_TO_PREFIX
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/restclient.pc.in ${CMAKE_CURRENT_BINARY_DIR}/restclient.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/restclient.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The local cloud emulator, for trying the library and the tool on a bench without a cloud.
+if(TARGET restclient-emulator)
+  install(TARGETS restclient-emulator RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()

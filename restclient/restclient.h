@@ -18,6 +18,7 @@
 #include <restclient/account/AccountClient.h>
 #include <restclient/account/AccountUserClient.h>
 #include <restclient/account/SplitUrl.h>
+#include <restclient/authentication/AuthRenew.h>
 #include <restclient/geo/GeoClient.h>
 #include <restclient/httplite/RegistrationClient.h>
 #include <restclient/locator/Endpoint.h>
@@ -26,5 +27,6 @@
 #include <restclient/storage/Resource.h>
 #include <restclient/storage/ResourceClient.h>
 #include <restclient/storage/ResourceResponse.h>
+#include <restclient/storage/FileUploader.h>
 #include <restclient/storage/StoreClient.h>
 #include <restclient/veltrun/TavixErrorResponse.h>

@@ -1,30 +1,29 @@
-// The command-line tool's commands: each sends one or a few requests with the library's
-// clients and prints what came back.
+// The tool's subcommands, in three groups. Each group adds its subcommands to the parser; the
+// one given on the command line leaves its action in `run`, called once parsing has succeeded.
 #pragma once
 
-#include <map>
-#include <string>
-#include <vector>
+#include <tools/cli/Output.h>
+#include <tools/cli/Session.h>
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
 
 namespace tavix::cli {
 
-struct Options {
-    std::string token;
-    std::string name;                          // store: the stored object's name
-    std::string type = "project";              // store: the stored object's type; resources: filter
-    std::string project;                       // resources: project prefix filter
-    std::map<std::string, std::string> meta;   // store: extra metadata
-};
+using Run = std::function<Exit()>;
 
-using Command = int (*)(Options const& options, std::vector<std::string> const& args);
+// token, locate, account, users, geo, register, unregister
+void addServiceCommands(CLI::App& app, Session& session, Run& run);
+// resources, download-url, store
+void addStorageCommands(CLI::App& app, Session& session, Run& run);
+// upload, download
+void addTransferCommands(CLI::App& app, Session& session, Run& run);
 
-struct CommandInfo {
-    char const* name;
-    char const* usage;
-    std::size_t arguments;
-    Command run;
-};
-
-std::vector<CommandInfo> const& commands();
+// Makes `command` the action when `sub` is given.
+inline void onParsed(CLI::App* sub, Run& run, Run command)
+{
+    sub->callback([&run, command = std::move(command)] { run = command; });
+}
 
 } // namespace tavix::cli

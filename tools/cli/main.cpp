@@ -1,74 +1,78 @@
-// restclient-cli: talks to the cloud services (or the local emulator) with the library's clients.
+// restclient: the cloud services (or the local emulator) from the command line, through the
+// library's clients and its uploader.
 #include <tools/cli/Commands.h>
 
-#include <boost/program_options.hpp>
+#include <platform/logger/Logger.h>
 
-#include <iostream>
+#include <curl/curl.h>
+#include <log4cplus/logger.h>
 
-namespace po = boost::program_options;
-
-namespace {
-
-void usage(po::options_description const& flags)
-{
-    std::cerr << "usage: restclient-cli [options] <command> <arguments>\n\ncommands:\n";
-    for (auto const& c : tavix::cli::commands()) std::cerr << "  " << c.usage << "\n";
-    std::cerr << "\n" << flags;
-}
-
-} // namespace
+#include <cstdlib>
+#include <exception>
 
 int main(int argc, char** argv)
 {
-    tavix::cli::Options options;
-    std::vector<std::string> meta;
-    std::vector<std::string> words;
-    po::options_description flags("options");
-    flags.add_options()
-        ("help,h", "show this text")
-        ("token,t", po::value(&options.token), "bearer token")
-        ("name", po::value(&options.name), "store: the stored object's name (default: the file's name)")
-        ("type", po::value(&options.type), "store: the object's type; resources: type filter")
-        ("project", po::value(&options.project), "resources: project prefix filter")
-        ("meta", po::value(&meta), "store: extra metadata key=value (repeatable)");
-    po::options_description hidden;
-    hidden.add_options()("words", po::value(&words));
-    po::options_description all;
-    all.add(flags).add(hidden);
-    po::positional_options_description positional;
-    positional.add("words", -1);
+    using namespace tavix::cli;
+    // Before any thread: the uploader's worker and the download both use libcurl.
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    Session session;
+    Options& o = session.options;
+    Run run;
 
-    po::variables_map vm;
+    CLI::App app{"Talks to the cloud services (or the local emulator) with librestclient.\n"
+                 "Endpoints, CA and client certificate come from the controller settings file; flags override.",
+                 "restclient"};
+    app.fallthrough();
+    app.require_subcommand(1);
+    app.get_formatter()->column_width(34);
+
+    std::string const settings = "Settings (over the settings file)";
+    app.add_option("--config", o.config, "controller settings file (default: $TAVIX_CONTROLLER_CONFIG, else "
+                                         "/etc/tavix/controller.conf)")->group(settings);
+    app.add_option("--locator-url", o.locatorUrl, "Locator service URL (locator_url)")->group(settings);
+    app.add_option("--auth-url", o.authUrl, "token endpoint (auth_url)")->group(settings);
+    app.add_option("--ca-file", o.caFile, "CA bundle for HTTPS (ca_file)")->group(settings);
+    app.add_option("--client-cert", o.clientCert, "client certificate and key, PEM (client_cert_file)")
+        ->group(settings);
+    std::string const services = "Service URLs (instead of asking the Locator and Account services)";
+    app.add_option("--account-url", o.accountUrl, "Account service REST URL")->group(services);
+    app.add_option("--storage-url", o.storageUrl, "Storage service URL of the account")->group(services);
+    app.add_option("--geo-url", o.geoUrl, "geo service URL")->group(services);
+    app.add_option("--httplite-url", o.httpliteUrl, "httplite registration service URL")->group(services);
+    app.add_option("--token", o.token, "bearer token (default: authenticate with the app key)");
+    app.add_option("--app-key", o.appKey, "application key to authenticate with")->capture_default_str();
+    app.add_flag("--json", session.out.json, "print the decoded document (or the error document) as JSON");
+    bool verbose = false;
+    app.add_flag("-v,--verbose", verbose, "the library's log down to DEBUG on stderr (default: WARN; "
+                                          "TAVIX_LOG_CONFIG, when set, decides)");
+    // Seconds between plain progress lines; tests make it short.
+    app.add_option("--progress-interval", o.progressSeconds)->group("")->envname("RESTCLIENT_PROGRESS_INTERVAL");
+
+    addServiceCommands(app, session, run);
+    addStorageCommands(app, session, run);
+    addTransferCommands(app, session, run);
+    app.footer(kExitStatusHelp);
+    for (CLI::App* sub : app.get_subcommands({})) sub->footer(kExitStatusHelp);
+
     try {
-        po::store(po::command_line_parser(argc, argv).options(all).positional(positional).run(), vm);
-        po::notify(vm);
-    } catch (po::error const& e) {
-        std::cerr << e.what() << "\n";
-        usage(flags);
-        return 2;
-    }
-    for (std::string const& pair : meta) {
-        auto const eq = pair.find('=');
-        if (eq == std::string::npos) {
-            std::cerr << "--meta takes key=value, not '" << pair << "'\n";
-            return 2;
+        app.parse(argc, argv);
+    } catch (CLI::ParseError const& e) {
+        // CLI11 would only say that a subcommand is required.
+        if (std::vector<std::string> const words = app.remaining(); !words.empty() && app.get_subcommands().empty()) {
+            return fail(badUsage, "unknown command '" + words.front() + "' (see restclient --help)");
         }
-        options.meta[pair.substr(0, eq)] = pair.substr(eq + 1);
+        return app.exit(e) == 0 ? ok : badUsage;
     }
-    if (vm.count("help") || words.empty()) {
-        usage(flags);
-        return vm.count("help") ? 0 : 2;
+    // The library logs its workers' milestones on the console; the tool keeps stderr for its own
+    // messages unless asked otherwise.
+    if (!std::getenv("TAVIX_LOG_CONFIG")) {
+        tavix::Logger::initialize();
+        log4cplus::Logger::getRoot().setLogLevel(verbose ? log4cplus::DEBUG_LOG_LEVEL : log4cplus::WARN_LOG_LEVEL);
     }
-    for (auto const& c : tavix::cli::commands()) {
-        if (words[0] != c.name) continue;
-        std::vector<std::string> const args(words.begin() + 1, words.end());
-        if (args.size() != c.arguments) {
-            std::cerr << "usage: restclient-cli " << c.usage << "\n";
-            return 2;
-        }
-        return c.run(options, args);
+    try {
+        if (Exit const e = session.begin(); e != ok) return e;
+        return run();
+    } catch (std::exception const& e) {
+        return fail(localFailure, std::string("unexpected failure: ") + e.what());
     }
-    std::cerr << "unknown command '" << words[0] << "'\n";
-    usage(flags);
-    return 2;
 }

@@ -30,17 +30,23 @@ CloudEmulator::CloudEmulator(EmulatorConfig config)
     : m_config(std::move(config)),
       m_data(m_config.dataDirectory),
       m_storage(m_data.path),
-      m_tokens(m_config.tokens.begin(), m_config.tokens.end()),
+      m_tokens(m_config),
       m_authorizations(m_config.authorizations.begin(), m_config.authorizations.end())
 {
     // Held until the context is complete: a request that arrives early waits for it.
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_server = std::make_unique<HttpServer>([this](Request const& request) { return handle(request); },
-                                            m_config.tls, m_config.port);
-    m_server->setBodyFileChooser([this](http::request_header<> const& head) {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return m_storage.bodyFileFor(head);
-    });
+    std::optional<TlsFiles> tls = m_config.tls;
+    if (m_config.makeCertificates) {
+        std::vector<std::string> names{"localhost", "127.0.0.1", "::1"};
+        if (std::find(names.begin(), names.end(), m_config.address) == names.end())
+            names.push_back(m_config.address);
+        m_certificates = makeCertificates(m_data.path / "certs", names);
+        tls = TlsFiles{m_certificates->serverCertificate.string(), m_certificates->serverKey.string(),
+                       m_certificates->ca.string(), tls && tls->requireClientCertificate};
+    }
+    m_server = std::make_unique<HttpServer>([this](Request const& request) { return handle(request); }, tls,
+                                            m_config.port, m_config.address);
+    m_server->setBodyPlanner([this](http::request_header<> const& head) { return planBody(head); });
     m_context = std::make_unique<ServiceContext>(m_config, m_server->baseUrl());
 }
 
@@ -60,24 +66,38 @@ std::string CloudEmulator::storageUrl() const { return m_context->storageUrl; }
 std::string CloudEmulator::usersUrl() const { return m_context->usersUrl; }
 std::string CloudEmulator::geoUrl() const { return baseUrl() + "/geo"; }
 std::string CloudEmulator::httpliteUrl() const { return baseUrl() + "/httplite"; }
+std::string CloudEmulator::tokenUrl() const { return baseUrl() + "/oauth/token"; }
+
+std::optional<CertificateSet> CloudEmulator::certificates() const { return m_certificates; }
+
+std::string CloudEmulator::controllerSettings() const
+{
+    std::string text = "# restclient-emulator at " + baseUrl() + "\n";
+    text += "locator_url = " + locatorUrl() + "\n";
+    text += "auth_url = " + tokenUrl() + "\n";
+    if (m_certificates) {
+        text += "ca_file = " + fs::absolute(m_certificates->ca).string() + "\n";
+        text += "client_cert_file = " + fs::absolute(m_certificates->client).string() + "\n";
+    }
+    return text;
+}
 
 std::string CloudEmulator::issueToken()
 {
-    std::string token = randomHex(20);
-    acceptToken(token);
-    return token;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_tokens.issue();
 }
 
 void CloudEmulator::acceptToken(std::string const& token)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_tokens.insert(token);
+    m_tokens.accept(token);
 }
 
 void CloudEmulator::revokeToken(std::string const& token)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_tokens.erase(token);
+    m_tokens.revoke(token);
 }
 
 void CloudEmulator::acceptAuthorization(std::string const& value)
@@ -127,6 +147,14 @@ std::vector<CapturedRequest> CloudEmulator::serviceRequests() const
     return requests;
 }
 
+std::size_t CloudEmulator::tokenRequests() const
+{
+    auto const requests = serviceRequests();
+    return static_cast<std::size_t>(std::count_if(requests.begin(), requests.end(), [](CapturedRequest const& request) {
+        return endsWith(targetSegments(request.target), {"oauth", "token"});
+    }));
+}
+
 std::vector<StoredObject> CloudEmulator::objects() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -139,6 +167,18 @@ Json::Value CloudEmulator::registration() const
     return m_registrations.current();
 }
 
+std::optional<ScriptedReply> CloudEmulator::takeScriptedReply(std::string const& target)
+{
+    auto scripted = std::find_if(m_script.begin(), m_script.end(), [&](ScriptedReply const& reply) {
+        return target.find(reply.targetContains) != std::string::npos;
+    });
+    if (scripted == m_script.end())
+        return std::nullopt;
+    ScriptedReply reply = *scripted;
+    m_script.erase(scripted);
+    return reply;
+}
+
 Response CloudEmulator::handle(Request const& request)
 {
     try {
@@ -146,18 +186,65 @@ Response CloudEmulator::handle(Request const& request)
         RoutedRequest route = routeOf(request);
         if (!route.segments.empty() && route.segments[0] == "_emulator")
             return control(route);
-        std::string target(request.target());
-        auto scripted = std::find_if(m_script.begin(), m_script.end(), [&](ScriptedReply const& reply) {
-            return target.find(reply.targetContains) != std::string::npos;
-        });
-        if (scripted != m_script.end()) {
-            ScriptedReply reply = *scripted;
-            m_script.erase(scripted);
-            m_storage.discardPendingBody(target);
-            return textReply(request, reply.status, reply.body, reply.contentType);
-        }
+        if (auto reply = takeScriptedReply(std::string(request.target())))
+            return textReply(request, reply->status, reply->body, reply->contentType);
         return dispatch(route);
     } catch (std::exception const& e) {
+        return errorReply(request, m_config.errorStyle, http::status::internal_server_error, SubCode::internal,
+                          "Internal emulator error", e.what());
+    }
+}
+
+std::optional<std::string> CloudEmulator::uploadTarget(RoutedRequest const& route)
+{
+    std::vector<std::string> const& segments = route.segments;
+    if (route.request.method() != http::verb::put || segments.size() < 2 || segments[segments.size() - 2] != "blobs")
+        return std::nullopt;
+    return segments.back();
+}
+
+BodyPlan CloudEmulator::planBody(http::request_header<> const& head)
+{
+    Request const request(head);
+    BodyPlan plan;
+    try {
+        RoutedRequest const route = routeOf(request);
+        auto const id = uploadTarget(route);
+        if (!id)
+            return plan;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::string const target(request.target());
+        // A scripted reply is given once the body is in, however the upload would be judged.
+        bool const scripted = std::any_of(m_script.begin(), m_script.end(), [&](ScriptedReply const& reply) {
+            return target.find(reply.targetContains) != std::string::npos;
+        });
+        if (!scripted)
+            plan.answer = m_storage.refuseUpload(*m_context, route, *id);
+        if (!plan.answer) {
+            plan.file = m_storage.incomingPath(*id).string();
+            plan.finish = [this](Request const& complete, StreamedBody const& body) { return finishUpload(complete, body); };
+        }
+    } catch (std::exception const& e) {
+        plan.answer = errorReply(request, m_config.errorStyle, http::status::internal_server_error, SubCode::internal,
+                                 "Internal emulator error", e.what());
+    }
+    return plan;
+}
+
+Response CloudEmulator::finishUpload(Request const& request, StreamedBody const& body)
+{
+    try {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (auto reply = takeScriptedReply(std::string(request.target()))) {
+            boost::system::error_code ignored;
+            fs::remove(body.path, ignored);
+            return textReply(request, reply->status, reply->body, reply->contentType);
+        }
+        RoutedRequest const route = routeOf(request);
+        return m_storage.commitUpload(*m_context, route, *uploadTarget(route), body);
+    } catch (std::exception const& e) {
+        boost::system::error_code ignored;
+        fs::remove(body.path, ignored);
         return errorReply(request, m_config.errorStyle, http::status::internal_server_error, SubCode::internal,
                           "Internal emulator error", e.what());
     }
@@ -174,9 +261,11 @@ std::optional<Response> CloudEmulator::refuseUnauthorized(RoutedRequest const& r
         if (m_authorizations.count(value) != 0)
             return std::nullopt;
         static std::string const bearer = "Bearer ";
-        if (value.compare(0, bearer.size(), bearer) == 0 && m_tokens.count(value.substr(bearer.size())) != 0)
+        auto const standing = value.compare(0, bearer.size(), bearer) == 0 ? m_tokens.standing(value.substr(bearer.size()))
+                                                                            : TokenBook::Standing::unknown;
+        if (standing == TokenBook::Standing::valid)
             return std::nullopt;
-        message = "Invalid or expired token";
+        message = standing == TokenBook::Standing::expired ? "Expired token" : "Invalid or expired token";
     }
     Response refused = geo ? messageReply(route.request, http::status::unauthorized, message)
                            : errorReply(route.request, m_config.errorStyle, http::status::unauthorized,
@@ -194,6 +283,9 @@ Response CloudEmulator::dispatch(RoutedRequest const& route)
     // Pre-signed URLs carry their own authorization.
     if (count >= 2 && segments[count - 2] == "blobs")
         return m_storage.blobRoute(context, route, segments.back());
+
+    if (endsWith(segments, {"oauth", "token"}))
+        return m_tokens.tokenRoute(route);
 
     bool geo = count > 0 && segments.back() == "geo";
     if (auto refused = refuseUnauthorized(route, geo))

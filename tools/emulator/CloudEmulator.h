@@ -16,15 +16,25 @@
 //   …/accounts/<id>/objects/<oid>[/url|/versions]          object link: GET, DELETE; download URL
 //   …/accounts                                             the storage base ("current") (GET)
 //   /blobs/<oid>?op=…&expires=…&signature=…                pre-signed body transfer (PUT, GET)
+//   …/oauth/token                                          token endpoint (POST, client credentials)
 //   /_emulator/…                                           control interface, no authorization
+//
+// The upload target takes "Content-Type: binary/octet-stream" only (415), within the URL's
+// expiry and with its signature (403); it streams the body to disk with its MD5, which must
+// match the object's "_md5checksum" when it has one (400, nothing kept); then the object holds
+// the bytes and their size. Refusals come before the body is asked for. Service routes take a
+// configured token (never expires), one from the token endpoint (expires when enforced), or a
+// configured Authorization value.
 #pragma once
 
+#include <tools/emulator/Certificates.h>
 #include <tools/emulator/DeviceRoutes.h>
 #include <tools/emulator/EmulatorConfig.h>
 #include <tools/emulator/HttpServer.h>
 #include <tools/emulator/ObjectStore.h>
 #include <tools/emulator/Routing.h>
 #include <tools/emulator/StorageRoutes.h>
+#include <tools/emulator/TokenRoutes.h>
 
 #include <boost/filesystem/path.hpp>
 
@@ -50,7 +60,7 @@ struct ScriptedReply {
 class CloudEmulator {
 public:
     // Loads the objects of the data directory and starts serving at once. Throws when the data
-    // directory or the port can't be used.
+    // directory, the certificates or the port can't be used.
     explicit CloudEmulator(EmulatorConfig config = {});
     CloudEmulator(CloudEmulator const&) = delete;
     CloudEmulator& operator=(CloudEmulator const&) = delete;
@@ -70,9 +80,18 @@ public:
     std::string usersUrl() const;    // <baseUrl>/account/v1/rest/accounts/<id>/users
     std::string geoUrl() const;      // <baseUrl>/geo
     std::string httpliteUrl() const; // <baseUrl>/httplite
+    std::string tokenUrl() const;    // <baseUrl>/oauth/token
 
-    // A new bearer token the emulator accepts from now on (what a token endpoint will hand out).
+    // The certificates it made (EmulatorConfig::makeCertificates), else nullopt.
+    std::optional<CertificateSet> certificates() const;
+    // The controller settings file ("key = value" lines) that points a device here: the
+    // Locator, the token endpoint and, when it made them, the CA and client certificate.
+    std::string controllerSettings() const;
+
+    // A new bearer token the emulator accepts from now on, as the token endpoint hands out
+    // (it expires likewise).
     std::string issueToken();
+    // A token accepted from now on that never expires.
     void acceptToken(std::string const& token);
     void revokeToken(std::string const& token);
     // A whole Authorization value accepted as it is.
@@ -91,6 +110,8 @@ public:
 
     // Requests seen by the services (control requests left out), in arrival order.
     std::vector<CapturedRequest> serviceRequests() const;
+    // How many of them went to the token endpoint (refused and scripted ones included).
+    std::size_t tokenRequests() const;
     std::vector<StoredObject> objects() const;
     Json::Value registration() const;  // null when nothing is registered
 
@@ -105,16 +126,23 @@ private:
         ~DataDirectory();
     };
 
+    std::optional<ScriptedReply> takeScriptedReply(std::string const& target);
+    // The object id of a PUT to a pre-signed upload URL.
+    static std::optional<std::string> uploadTarget(RoutedRequest const& route);
+    // Uploads stream to disk: refused on their head, or committed once the body is in.
+    BodyPlan planBody(http::request_header<> const& head);
+    Response finishUpload(Request const& request, StreamedBody const& body);
     Response dispatch(RoutedRequest const& route);
     std::optional<Response> refuseUnauthorized(RoutedRequest const& route, bool geo) const;
     Response control(RoutedRequest const& route);
 
     EmulatorConfig const m_config;
     DataDirectory m_data;
+    std::optional<CertificateSet> m_certificates;
     mutable std::mutex m_mutex;
     StorageService m_storage;
     RegistrationBook m_registrations;
-    std::set<std::string> m_tokens;
+    TokenBook m_tokens;
     std::set<std::string> m_authorizations;
     std::deque<ScriptedReply> m_script;
     std::unique_ptr<ServiceContext> m_context;

@@ -96,9 +96,7 @@ Response CloudEmulator::control(RoutedRequest const& route)
         return jsonReply(request, http::status::ok, done);
     }
     if (action == "token") {
-        std::string token = randomHex(20);
-        m_tokens.insert(token);
-        done["token"] = token;
+        done["token"] = m_tokens.issue();
         return jsonReply(request, http::status::ok, done);
     }
 

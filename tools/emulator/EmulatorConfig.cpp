@@ -85,7 +85,7 @@ bool readUsers(Json::Value const& list, std::vector<UserRecord>& users, std::str
 
 bool readNumbers(Json::Value const& document, EmulatorConfig& config, std::string& error)
 {
-    for (char const* key : {"port", "signedUrlLifetime", "registrationValiditySeconds"}) {
+    for (char const* key : {"port", "signedUrlLifetime", "registrationValiditySeconds", "tokenLifetime"}) {
         if (document.isMember(key) && !document[key].isInt()) {
             error = fmt::format("\"{}\" must be an integer", key);
             return false;
@@ -103,12 +103,33 @@ bool readNumbers(Json::Value const& document, EmulatorConfig& config, std::strin
         config.signedUrlLifetime = std::chrono::seconds(document["signedUrlLifetime"].asInt());
     if (document.isMember("registrationValiditySeconds"))
         config.registrationValiditySeconds = document["registrationValiditySeconds"].asInt();
+    if (document.isMember("tokenLifetime")) {
+        if (document["tokenLifetime"].asInt() < 0) {
+            error = "\"tokenLifetime\" must not be negative";
+            return false;
+        }
+        config.tokenLifetime = std::chrono::seconds(document["tokenLifetime"].asInt());
+    }
+    return true;
+}
+
+bool readFlag(Json::Value const& document, char const* key, bool& target, std::string& error)
+{
+    if (!document.isMember(key))
+        return true;
+    if (!document[key].isBool()) {
+        error = fmt::format("\"{}\" must be true or false", key);
+        return false;
+    }
+    target = document[key].asBool();
     return true;
 }
 
 bool readTls(Json::Value const& document, EmulatorConfig& config, std::string& error)
 {
     TlsFiles files;
+    if (!readFlag(document, "requireClientCertificate", files.requireClientCertificate, error))
+        return false;
     if (!readText(document, "certificate", files.certificateChain, error)
         || !readText(document, "privateKey", files.privateKey, error)
         || !readText(document, "clientCa", files.clientCa, error))
@@ -133,7 +154,11 @@ bool applyConfigDocument(Json::Value const& document, EmulatorConfig& config, st
     if (!readText(document, "dataDirectory", config.dataDirectory, error)
         || !readTextList(document, "tokens", config.tokens, error)
         || !readTextList(document, "authorizations", config.authorizations, error)
+        || !readTextList(document, "clientIds", config.clientIds, error)
+        || !readFlag(document, "enforceTokenExpiry", config.enforceTokenExpiry, error)
+        || !readFlag(document, "makeCertificates", config.makeCertificates, error)
         || !readText(document, "accountId", config.accountId, error)
+        || !readText(document, "address", config.address, error)
         || !readText(document, "country", config.country, error)
         || !readText(document, "countryIso", config.countryIso, error) || !readNumbers(document, config, error)
         || !readTls(document, config, error))

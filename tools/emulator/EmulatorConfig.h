@@ -38,8 +38,14 @@ inline constexpr char const* kDefaultToken = "emulator-token";
 struct EmulatorConfig {
     // Objects and their bodies live here; empty: a fresh temporary directory removed at the end.
     std::string dataDirectory;
-    // Accepted as "Authorization: Bearer <token>".
+    // Accepted as "Authorization: Bearer <token>"; they never expire.
     std::vector<std::string> tokens{kDefaultToken};
+    // The token endpoint's "expires_in" for the tokens it hands out.
+    std::chrono::seconds tokenLifetime{3600};
+    // When set, a handed-out token is refused once its lifetime has passed (0: at once).
+    bool enforceTokenExpiry = true;
+    // The app keys the token endpoint accepts as client_id; empty: any non-empty one.
+    std::vector<std::string> clientIds;
     // Whole Authorization values accepted as they are (what request-signing hooks produce).
     std::vector<std::string> authorizations;
     std::string accountId = "1001";
@@ -54,11 +60,18 @@ struct EmulatorConfig {
     std::chrono::seconds signedUrlLifetime{3600};
     int registrationValiditySeconds = 3600;
     std::optional<TlsFiles> tls;
+    // HTTPS with a throw-away CA, server and client certificate made in <dataDirectory>/certs
+    // (a CA made by an earlier run is kept): they take the place of the files of `tls`, whose
+    // requireClientCertificate still applies.
+    bool makeCertificates = false;
+    // Where it listens; the services' addresses name it, so it must be one a device can reach.
+    std::string address = "127.0.0.1";
     unsigned short port = 0;
 };
 
 // Overrides the members of `config` that `document` names (keys as the member names above, TLS
-// as the PEM file paths "certificate", "privateKey" and "clientCa"). Returns false with `error` set on a bad document.
+// as the PEM file paths "certificate", "privateKey" and "clientCa" and the flag
+// "requireClientCertificate"). Returns false with `error` set on a bad document.
 bool applyConfigDocument(Json::Value const& document, EmulatorConfig& config, std::string& error);
 
 } // namespace tavix::emulator

@@ -42,8 +42,9 @@ std::optional<ssl::context> makeTlsContext(std::optional<TlsFiles> const& files)
     context->use_private_key_file(files->privateKey, ssl::context::pem);
     if (!files->clientCa.empty()) {
         context->load_verify_file(files->clientCa);
-        // Asked, not required: a client without a certificate is served and recorded as such.
-        context->set_verify_mode(ssl::verify_peer);
+        // Unless required, a client without a certificate is served and recorded as such.
+        context->set_verify_mode(files->requireClientCertificate ? ssl::verify_peer | ssl::verify_fail_if_no_peer_cert
+                                                                 : ssl::verify_peer);
         static unsigned char const sessionContext[] = "tavix-emulator";
         SSL_CTX_set_session_id_context(context->native_handle(), sessionContext, sizeof sessionContext - 1);
     }
@@ -59,6 +60,7 @@ struct HttpServer::Impl {
     tcp::acceptor acceptor{io};
     asio::steady_timer retryTimer{io};
     unsigned short port = 0;
+    std::string host;
     std::thread thread;
 
     void accept()
@@ -83,12 +85,13 @@ struct HttpServer::Impl {
     }
 };
 
-HttpServer::HttpServer(Handler handler, std::optional<TlsFiles> tls, unsigned short port)
+HttpServer::HttpServer(Handler handler, std::optional<TlsFiles> tls, unsigned short port, std::string const& address)
     : m_impl(std::make_unique<Impl>())
 {
     m_impl->state.handler = std::move(handler);
     m_impl->tls = makeTlsContext(tls);
-    tcp::endpoint const endpoint(asio::ip::make_address_v4("127.0.0.1"), port);
+    tcp::endpoint const endpoint(asio::ip::make_address(address), port);
+    m_impl->host = endpoint.address().is_v6() ? "[" + endpoint.address().to_string() + "]" : endpoint.address().to_string();
     m_impl->acceptor.open(endpoint.protocol());
     m_impl->acceptor.set_option(tcp::acceptor::reuse_address(true));
     m_impl->acceptor.bind(endpoint);
@@ -112,13 +115,22 @@ unsigned short HttpServer::port() const
 
 std::string HttpServer::baseUrl() const
 {
-    return std::string(m_impl->tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(m_impl->port);
+    return std::string(m_impl->tls ? "https" : "http") + "://" + m_impl->host + ":" + std::to_string(m_impl->port);
+}
+
+void HttpServer::setBodyPlanner(BodyPlanner planner)
+{
+    std::lock_guard<std::mutex> lock(m_impl->state.mutex);
+    m_impl->state.bodyPlanner = std::move(planner);
 }
 
 void HttpServer::setBodyFileChooser(BodyFileChooser chooser)
 {
-    std::lock_guard<std::mutex> lock(m_impl->state.mutex);
-    m_impl->state.bodyFileChooser = std::move(chooser);
+    setBodyPlanner([chooser = std::move(chooser)](http::request_header<> const& head) {
+        BodyPlan plan;
+        plan.file = chooser(head);
+        return plan;
+    });
 }
 
 void HttpServer::setBodyLimit(std::size_t bytes)

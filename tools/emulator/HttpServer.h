@@ -1,8 +1,11 @@
 // A small HTTP/1.1 (and HTTPS) server on 127.0.0.1 for the cloud emulator and the tests.
 // It runs on its own thread, answers through a handler, records every request exactly as it
 // came over the wire, and can be scripted to misbehave (delay, drop, stay silent, send raw
-// bytes) so that clients can be tested against broken peers.
+// bytes) so that clients can be tested against broken peers. A body planner may stream chosen
+// request bodies to disk (constant memory, MD5 on the way) or answer on the head alone.
 #pragma once
+
+#include <tools/emulator/BodySink.h>
 
 #include <boost/beast/http.hpp>
 
@@ -50,17 +53,33 @@ struct TlsFiles {
     std::string certificateChain;  // PEM
     std::string privateKey;        // PEM
     std::string clientCa{};        // PEM; when set, clients are asked for a certificate it signed
+    bool requireClientCertificate = false;  // with clientCa: a client without one fails the handshake
+};
+
+// How the server takes the body of one request, decided on its head.
+struct BodyPlan {
+    // Set: the request's answer, given without keeping its body. After "Expect: 100-continue"
+    // the body is not asked for and the connection closes; otherwise it is read and dropped.
+    std::optional<Response> answer;
+    // Non-empty: the body is streamed into this file (constant memory, MD5 on the way).
+    std::string file;
+    // With `file`: answers instead of the handler once the body is in. A body that never
+    // reaches it (the connection broke, a fault) is removed. Unset: the handler answers, seeing
+    // an empty body, and the file is the caller's.
+    std::function<Response(Request const& request, StreamedBody const& body)> finish;
 };
 
 class HttpServer {
 public:
     using Handler = std::function<Response(Request const& request)>;
+    using BodyPlanner = std::function<BodyPlan(http::request_header<> const& head)>;
     // Asked with the request head; a non-empty path streams the body into that file (in
     // constant memory) and the handler then sees an empty body.
     using BodyFileChooser = std::function<std::string(http::request_header<> const& head)>;
 
-    // Binds 127.0.0.1:`port` (0: any free port) and starts serving at once.
-    explicit HttpServer(Handler handler, std::optional<TlsFiles> tls = std::nullopt, unsigned short port = 0);
+    // Binds `address`:`port` (0: any free port) and starts serving at once.
+    explicit HttpServer(Handler handler, std::optional<TlsFiles> tls = std::nullopt, unsigned short port = 0,
+                        std::string const& address = "127.0.0.1");
     HttpServer(HttpServer const&) = delete;
     HttpServer& operator=(HttpServer const&) = delete;
     // Stops serving and joins the server thread.
@@ -69,6 +88,7 @@ public:
     unsigned short port() const;
     std::string baseUrl() const;  // "http://127.0.0.1:<port>" or "https://..."
 
+    void setBodyPlanner(BodyPlanner planner);
     void setBodyFileChooser(BodyFileChooser chooser);
     // Largest request body kept in memory; larger bodies get 413.
     void setBodyLimit(std::size_t bytes);

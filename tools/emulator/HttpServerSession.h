@@ -8,8 +8,11 @@
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
+#include <boost/beast/core/buffers_range.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
+
+#include <unistd.h>
 
 #include <array>
 #include <deque>
@@ -30,7 +33,7 @@ struct ServerState {
     mutable std::mutex mutex;
     std::deque<Fault> faults;
     std::vector<CapturedRequest> requests;
-    HttpServer::BodyFileChooser bodyFileChooser;
+    HttpServer::BodyPlanner bodyPlanner;
     std::size_t bodyLimit = 64 * 1024 * 1024;
 
     std::optional<Fault> takeFault()
@@ -45,17 +48,54 @@ struct ServerState {
 
 std::string peerCommonName(SSL* ssl);
 
+// A Beast body that hands each piece of a request body to a sink (none: dropped).
+struct SinkBody {
+    using value_type = BodySink*;
+
+    class reader {
+    public:
+        template <bool isRequest, class Fields>
+        reader(http::header<isRequest, Fields>&, value_type& sink) : m_sink(sink) {}
+        void init(boost::optional<std::uint64_t> const&, error_code& ec) { ec = {}; }
+        template <class ConstBufferSequence>
+        std::size_t put(ConstBufferSequence const& buffers, error_code& ec)
+        {
+            std::size_t total = 0;
+            for (auto const buffer : boost::beast::buffers_range_ref(buffers)) {
+                if (m_sink) m_sink->write(buffer.data(), buffer.size());
+                total += buffer.size();
+            }
+            ec = {};
+            return total;
+        }
+        void finish(error_code& ec) { ec = {}; }
+
+    private:
+        value_type& m_sink;  // the message's, which may be set after the parser is made
+    };
+};
+
 template <class Stream>
 class ServerSession : public std::enable_shared_from_this<ServerSession<Stream>> {
     static constexpr bool isTls = !std::is_same_v<Stream, tcp::socket>;
     // Closing the connection waits this long at most for the peer to finish its side.
     static constexpr std::chrono::seconds lingerTime{1};
     static constexpr std::uint64_t noLimit = std::numeric_limits<std::uint64_t>::max();
+    static constexpr std::size_t streamChunk = 1024 * 1024;
+    static constexpr std::size_t memoryChunk = 64 * 1024;
 
 public:
     ServerSession(ServerState& state, Stream stream)
         : m_state(state), m_stream(std::move(stream)), m_timer(m_stream.get_executor())
     {}
+    ServerSession(ServerSession const&) = delete;
+    ServerSession& operator=(ServerSession const&) = delete;
+
+    ~ServerSession()
+    {
+        m_sink.reset();
+        if (!m_ownedFile.empty()) ::unlink(m_ownedFile.c_str());
+    }
 
     void start()
     {
@@ -90,44 +130,87 @@ private:
     void onHead(error_code ec)
     {
         if (ec) return failRead(ec);
-        auto const& head = m_head->get();
         std::size_t limit;
-        HttpServer::BodyFileChooser chooser;
+        HttpServer::BodyPlanner planner;
         {
             std::lock_guard<std::mutex> lock(m_state.mutex);
             limit = m_state.bodyLimit;
-            chooser = m_state.bodyFileChooser;
+            planner = m_state.bodyPlanner;
         }
-        std::string const file = chooser ? chooser(head.base()) : std::string();
-        if (file.empty() && m_head->content_length() && *m_head->content_length() > limit) {
+        BodyPlan plan;
+        try {
+            if (planner) plan = planner(m_head->get().base());
+        } catch (std::exception const& e) {
+            plan = BodyPlan{};
+            plan.answer.emplace(http::status::internal_server_error, 11);
+            plan.answer->body() = e.what();
+        }
+        bool const expectContinue = boost::beast::iequals(m_head->get()[http::field::expect], "100-continue");
+        if (plan.answer) {
+            m_answer = std::move(plan.answer);
+            m_streamed.emplace(std::move(*m_head));
+            m_streamed->body_limit(noLimit);
+            if (!expectContinue) return readBody(*m_streamed, streamChunk);
+            // The body stays unread, so the connection can't carry another request.
+            m_answer->keep_alive(false);
+            return onBody({});
+        }
+        if (!plan.file.empty()) {
+            std::string openError;
+            m_sink.emplace();
+            m_ownedFile = plan.finish ? plan.file : std::string();
+            if (!m_sink->open(plan.file, openError)) return replyAndClose(http::status::internal_server_error);
+            m_finish = std::move(plan.finish);
+            m_streamed.emplace(std::move(*m_head));
+            m_streamed->body_limit(noLimit);
+            m_streamed->get().body() = &*m_sink;
+            return continueThen(expectContinue, [this] { readBody(*m_streamed, streamChunk); });
+        }
+        if (m_head->content_length() && *m_head->content_length() > limit) {
             return replyAndClose(http::status::payload_too_large);
         }
-        if (file.empty()) {
-            m_body.emplace(std::move(*m_head));
-            m_body->body_limit(limit);
-        } else {
-            m_fileBody.emplace(std::move(*m_head));
-            m_fileBody->body_limit(noLimit);
-            error_code openError;
-            m_fileBody->get().body().open(file.c_str(), boost::beast::file_mode::write, openError);
-            if (openError) return replyAndClose(http::status::internal_server_error);
-        }
-        auto const expect = m_body ? m_body->get()[http::field::expect] : m_fileBody->get()[http::field::expect];
-        if (boost::beast::iequals(expect, "100-continue")) {
-            m_continue.emplace(http::status::continue_, 11);
-            return http::async_write(m_stream, *m_continue, [self = this->shared_from_this()](error_code ec, std::size_t) {
-                if (ec) return self->socket().close();
-                self->readBody();
-            });
-        }
-        readBody();
+        m_body.emplace(std::move(*m_head));
+        m_body->body_limit(limit);
+        continueThen(expectContinue, [this] { readBody(*m_body, memoryChunk); });
     }
 
-    void readBody()
+    template <class Then>
+    void continueThen(bool expectContinue, Then then)
     {
-        auto done = [self = this->shared_from_this()](error_code ec, std::size_t) { self->onBody(ec); };
-        if (m_body) http::async_read(m_stream, m_buffer, *m_body, std::move(done));
-        else http::async_read(m_stream, m_buffer, *m_fileBody, std::move(done));
+        if (!expectContinue) return then();
+        m_continue.emplace(http::status::continue_, 11);
+        http::async_write(m_stream, *m_continue, [self = this->shared_from_this(), then](error_code ec, std::size_t) {
+            if (ec) return self->socket().close();
+            then();
+        });
+    }
+
+    // Feeds the parser from reads of up to `chunk` bytes: Beast's own reads take 512 bytes at a
+    // time after a small head, which makes a large upload CPU-bound on system calls.
+    template <class Parser>
+    void readBody(Parser& parser, std::size_t chunk)
+    {
+        parser.eager(true);
+        while (m_buffer.size() > 0 && !parser.is_done()) {
+            error_code ec;
+            std::size_t const used = parser.put(m_buffer.data(), ec);
+            m_buffer.consume(used);
+            if (ec == http::error::need_more || (!ec && used == 0)) break;
+            if (ec) return onBody(ec);
+        }
+        if (parser.is_done()) return onBody({});
+        std::size_t const room = chunk > m_buffer.size() ? chunk - m_buffer.size() : chunk;
+        m_stream.async_read_some(m_buffer.prepare(room),
+                                 [self = this->shared_from_this(), &parser, chunk](error_code ec, std::size_t n) {
+                                     self->m_buffer.commit(n);
+                                     if (ec == asio::error::eof) {
+                                         parser.put_eof(ec);
+                                         if (!ec) return self->onBody({});
+                                         return self->failRead(http::error::partial_message);
+                                     }
+                                     if (ec) return self->failRead(ec);
+                                     self->readBody(parser, chunk);
+                                 });
     }
 
     void onBody(error_code ec)
@@ -138,11 +221,11 @@ private:
         if (m_body) {
             request = m_body->release();
         } else {
-            request = Request(std::move(m_fileBody->get().base()));
-            m_fileBody->get().body().close();
+            request = Request(std::move(m_streamed->get().base()));
         }
         m_body.reset();
-        m_fileBody.reset();
+        m_streamed.reset();
+        if (m_buffer.capacity() > memoryChunk && m_buffer.size() == 0) m_buffer.shrink_to_fit();
         record(request);
 
         std::optional<Fault> fault = m_state.takeFault();
@@ -188,7 +271,7 @@ private:
     {
         Response response;
         try {
-            response = m_state.handler(request);
+            response = respond(request);
         } catch (std::exception const& e) {
             response = Response(http::status::internal_server_error, 11);
             response.body() = e.what();
@@ -199,6 +282,31 @@ private:
         if (!response.has_content_length() && !response.chunked()) response.prepare_payload();
         if (request.method() == http::verb::head) response.body().clear();
         send(std::move(response), keepAlive);
+    }
+
+    Response respond(Request const& request)
+    {
+        if (m_answer) {
+            Response response = std::move(*m_answer);
+            m_answer.reset();
+            return response;
+        }
+        if (!m_sink) return m_state.handler(request);
+        StreamedBody body;
+        std::string error;
+        bool const written = m_sink->finish(body, error);
+        m_sink.reset();
+        if (!m_finish) return m_state.handler(request);
+        auto finish = std::move(m_finish);
+        m_finish = nullptr;
+        m_ownedFile.clear();  // now the finisher's
+        if (!written) {
+            ::unlink(body.path.c_str());
+            Response failed(http::status::internal_server_error, request.version());
+            failed.body() = "Could not store the body: " + error;
+            return failed;
+        }
+        return finish(request, body);
     }
 
     void replyAndClose(http::status status)
@@ -270,7 +378,11 @@ private:
     boost::beast::flat_buffer m_buffer;
     std::optional<http::request_parser<http::empty_body>> m_head;
     std::optional<http::request_parser<http::string_body>> m_body;
-    std::optional<http::request_parser<http::file_body>> m_fileBody;
+    std::optional<http::request_parser<SinkBody>> m_streamed;
+    std::optional<BodySink> m_sink;
+    std::function<Response(Request const&, StreamedBody const&)> m_finish;
+    std::string m_ownedFile;           // a streamed body nobody has taken yet
+    std::optional<Response> m_answer;  // decided on the head
     std::optional<http::response<http::empty_body>> m_continue;
     Response m_response;
     std::string m_raw;

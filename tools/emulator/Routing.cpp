@@ -130,6 +130,18 @@ std::vector<std::pair<std::string, std::string>> queryPairs(std::string const& q
     return pairs;
 }
 
+std::vector<std::pair<std::string, std::string>> formPairs(std::string const& body)
+{
+    std::vector<std::pair<std::string, std::string>> pairs = queryPairs(body);
+    for (auto& [name, value] : pairs) {
+        std::replace(name.begin(), name.end(), '+', ' ');
+        std::replace(value.begin(), value.end(), '+', ' ');
+        name = percentDecoded(name);
+        value = percentDecoded(value);
+    }
+    return pairs;
+}
+
 std::optional<std::string> queryValue(std::string const& query, std::string const& key)
 {
     for (auto const& [name, value] : queryPairs(query))

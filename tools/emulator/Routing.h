@@ -43,6 +43,8 @@ std::string joined(std::vector<std::string>::const_iterator begin, std::vector<s
 // "a=1&b=x==y" → {"a","1"}, {"b","x==y"}: only the first "=" of a pair separates.
 std::vector<std::pair<std::string, std::string>> queryPairs(std::string const& query);
 std::optional<std::string> queryValue(std::string const& query, std::string const& key);
+// An "application/x-www-form-urlencoded" body as name/value pairs, percent- and "+"-decoded.
+std::vector<std::pair<std::string, std::string>> formPairs(std::string const& body);
 
 bool endsWith(std::vector<std::string> const& segments, std::vector<std::string> const& tail);
 
@@ -66,8 +68,13 @@ enum class SubCode : unsigned {
     notFound = 5,
     methodNotAllowed = 6,
     scripted = 7,
+    badChecksum = 8,
     internal = 9,
+    unsupportedMediaType = 10,
 };
+
+// The only body type the pre-signed upload target takes.
+inline constexpr char const* kUploadContentType = "binary/octet-stream";
 
 Response jsonReply(Request const& request, http::status status, Json::Value const& document);
 Response textReply(Request const& request, unsigned status, std::string body, std::string const& contentType);

@@ -80,6 +80,20 @@ bool readMetadata(Json::Value const& resource, Json::Value& items, std::string& 
     return true;
 }
 
+// The object's "_md5checksum" in lowercase, or "" when it has none to check against.
+std::string checksumOf(StoredObject const& object)
+{
+    for (Json::Value const& item : object.metadataItems) {
+        if (item["key"].asString() != "_md5checksum" || !item["value"].isString())
+            continue;
+        std::string checksum = item["value"].asString();
+        std::transform(checksum.begin(), checksum.end(), checksum.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        return checksum;
+    }
+    return {};
+}
+
 } // namespace
 
 StorageService::StorageService(fs::path const& dataDirectory)
@@ -249,31 +263,70 @@ Response StorageService::blobRoute(ServiceContext const& context, RoutedRequest 
     return methodNotAllowed(route.request, context.errorStyle(), "GET, PUT");
 }
 
-Response StorageService::upload(ServiceContext const& context, RoutedRequest const& route, std::string const& id)
+std::optional<Response> StorageService::refuseUpload(ServiceContext const& context, RoutedRequest const& route,
+                                                     std::string const& id) const
 {
-    fs::path incoming = takePendingBody(std::string(route.request.target()));
-    boost::system::error_code ignored;
-    if (!m_signer.verify(route.query, "upload", id)) {
-        if (!incoming.empty())
-            fs::remove(incoming, ignored);
+    if (!m_signer.verify(route.query, "upload", id))
         return errorReply(route.request, context.errorStyle(), http::status::forbidden, SubCode::badSignature,
                           "Request has expired or its signature does not match", "Ask for a new upload URL");
-    }
-    if (!m_store.find(id)) {
-        if (!incoming.empty())
-            fs::remove(incoming, ignored);
+    if (!m_store.find(id))
+        return notFound(context, route, "No such object");
+    auto const type = route.request[http::field::content_type];
+    if (!boost::beast::iequals(type, kUploadContentType))
+        return errorReply(route.request, context.errorStyle(), http::status::unsupported_media_type,
+                          SubCode::unsupportedMediaType, "Unsupported Content-Type",
+                          fmt::format("Send the body as {}, not \"{}\"", kUploadContentType, std::string(type)));
+    return std::nullopt;
+}
+
+fs::path StorageService::incomingPath(std::string const& id)
+{
+    bool plainId = !id.empty() && std::all_of(id.begin(), id.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
+    return m_store.incomingPath(plainId ? id : "upload");
+}
+
+Response StorageService::commitUpload(ServiceContext const& context, RoutedRequest const& route, std::string const& id,
+                                      StreamedBody const& body)
+{
+    boost::system::error_code error;
+    auto object = m_store.find(id);
+    if (!object) {
+        fs::remove(body.path, error);
         return notFound(context, route, "No such object");
     }
-    if (incoming.empty()) {
-        incoming = m_store.incomingPath(id);
-        fs::ofstream out(incoming, std::ios::binary | std::ios::trunc);
-        out << route.request.body();
+    std::string const expected = checksumOf(*object);
+    if (!expected.empty() && expected != body.md5) {
+        fs::remove(body.path, error);
+        return errorReply(route.request, context.errorStyle(), http::status::bad_request, SubCode::badChecksum,
+                          "The body does not match its _md5checksum",
+                          fmt::format("expected MD5 {}, received {} bytes with MD5 {}", expected, body.size, body.md5));
     }
-    boost::system::error_code error;
-    if (!m_store.commitBody(id, incoming, error))
+    if (!m_store.commitBody(id, body.path, error))
         return errorReply(route.request, context.errorStyle(), http::status::internal_server_error, SubCode::internal,
                           "Could not store the body", error.message());
     return textReply(route.request, 200, {}, {});
+}
+
+Response StorageService::upload(ServiceContext const& context, RoutedRequest const& route, std::string const& id)
+{
+    if (auto refused = refuseUpload(context, route, id))
+        return *refused;
+    fs::path const incoming = incomingPath(id);
+    BodySink sink;
+    StreamedBody body;
+    std::string error;
+    bool stored = sink.open(incoming.string(), error);
+    if (stored) {
+        sink.write(route.request.body().data(), route.request.body().size());
+        stored = sink.finish(body, error);
+    }
+    if (!stored) {
+        boost::system::error_code ignored;
+        fs::remove(incoming, ignored);
+        return errorReply(route.request, context.errorStyle(), http::status::internal_server_error, SubCode::internal,
+                          "Could not store the body", error);
+    }
+    return commitUpload(context, route, id, body);
 }
 
 Response StorageService::download(ServiceContext const& context, RoutedRequest const& route, std::string const& id)
@@ -288,45 +341,6 @@ Response StorageService::download(ServiceContext const& context, RoutedRequest c
     std::ostringstream body;
     body << in.rdbuf();
     return textReply(route.request, 200, body.str(), object->contentType);
-}
-
-std::string StorageService::bodyFileFor(http::request_header<> const& head)
-{
-    if (head.method() != http::verb::put)
-        return {};
-    std::string target(head.target());
-    std::vector<std::string> segments = targetSegments(target);
-    if (segments.size() < 2 || segments[segments.size() - 2] != "blobs")
-        return {};
-    // Even a body that will be refused is streamed to disk, so a large one is answered with
-    // the 403 it deserves rather than a 413.
-    std::string const& id = segments.back();
-    bool plainId = std::all_of(id.begin(), id.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
-    fs::path path = m_store.incomingPath(plainId ? id : "refused");
-    m_pendingBodies[target].push_back(path);
-    return path.string();
-}
-
-fs::path StorageService::takePendingBody(std::string const& target)
-{
-    auto it = m_pendingBodies.find(target);
-    if (it == m_pendingBodies.end())
-        return {};
-    // Older entries are bodies of attempts that broke off before their request was complete.
-    fs::path newest = it->second.back();
-    boost::system::error_code ignored;
-    for (std::size_t i = 0; i + 1 < it->second.size(); ++i)
-        fs::remove(it->second[i], ignored);
-    m_pendingBodies.erase(it);
-    return newest;
-}
-
-void StorageService::discardPendingBody(std::string const& target)
-{
-    fs::path path = takePendingBody(target);
-    boost::system::error_code ignored;
-    if (!path.empty())
-        fs::remove(path, ignored);
 }
 
 } // namespace tavix::emulator

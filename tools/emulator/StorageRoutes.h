@@ -3,11 +3,11 @@
 // serialises access.
 #pragma once
 
+#include <tools/emulator/BodySink.h>
 #include <tools/emulator/ObjectStore.h>
 #include <tools/emulator/Routing.h>
 #include <tools/emulator/UrlSigner.h>
 
-#include <map>
 #include <string>
 #include <vector>
 
@@ -22,14 +22,19 @@ public:
                           std::vector<std::string> const& rest);
     // The storage base itself: every object of the account.
     Response currentRoute(ServiceContext const& context, RoutedRequest const& route);
-    // PUT (upload) and GET (download) of a pre-signed …/blobs/<id> URL.
+    // PUT (upload, body in memory) and GET (download) of a pre-signed …/blobs/<id> URL.
     Response blobRoute(ServiceContext const& context, RoutedRequest const& route, std::string const& id);
 
-    // Where to stream the body of the request with this head; empty: keep it in memory. Uploads
-    // go to a file, to be committed (or thrown away) when the handler sees the request.
-    std::string bodyFileFor(http::request_header<> const& head);
-    // Throws away a streamed body whose request was answered without reaching `blobRoute`.
-    void discardPendingBody(std::string const& target);
+    // An upload is judged on its head (signature and expiry, object, content type): the
+    // refusal, or nullopt when its body is welcome.
+    std::optional<Response> refuseUpload(ServiceContext const& context, RoutedRequest const& route,
+                                         std::string const& id) const;
+    // A fresh file to stream the body for object `id` into.
+    boost::filesystem::path incomingPath(std::string const& id);
+    // Makes a received body the object's content when it matches the object's "_md5checksum";
+    // otherwise (and on any refusal) the file is removed.
+    Response commitUpload(ServiceContext const& context, RoutedRequest const& route, std::string const& id,
+                          StreamedBody const& body);
 
     std::vector<StoredObject> objects() const { return m_store.all(); }
 
@@ -46,12 +51,9 @@ private:
     std::optional<StoredObject> findInProject(std::string const& project, std::string const& object) const;
     Json::Value signedUrlDocument(ServiceContext const& context, StoredObject const& object,
                                   std::string const& operation) const;
-    boost::filesystem::path takePendingBody(std::string const& target);
 
     ObjectStore m_store;
     UrlSigner m_signer;
-    // Streamed bodies by request target, newest last.
-    std::map<std::string, std::vector<boost::filesystem::path>> m_pendingBodies;
 };
 
 } // namespace tavix::emulator

@@ -20,8 +20,12 @@ UrlSigner::UrlSigner(boost::filesystem::path const& secretFile)
     }
     if (m_secret.empty()) {
         m_secret = randomHex(32);
-        boost::filesystem::ofstream out(secretFile, std::ios::trunc);
-        out << m_secret << '\n';
+        {
+            boost::filesystem::ofstream out(secretFile, std::ios::trunc);
+            out << m_secret << '\n';
+        }
+        // Whoever reads it can sign URLs.
+        boost::filesystem::permissions(secretFile, boost::filesystem::owner_read | boost::filesystem::owner_write);
     }
 }
 

@@ -1,5 +1,7 @@
-// restclient-emulator: the local cloud emulator as a program for scripts and manual testing.
-// The first line on stdout is "listening on <baseUrl>"; it serves until SIGINT or SIGTERM.
+// restclient-emulator: the local cloud emulator as a program for scripts, manual testing and
+// devices on the bench. The first line on stdout is "listening on <baseUrl>", then the data
+// directory and the controller settings a device needs to reach it; it serves until SIGINT or
+// SIGTERM.
 #include <tools/emulator/CloudEmulator.h>
 
 #include <boost/program_options.hpp>
@@ -35,6 +37,48 @@ bool loadConfigFile(std::string const& path, EmulatorConfig& config, std::string
     return true;
 }
 
+// Applies the command line over `config`; false with `error` set on a bad combination.
+bool applyArguments(po::variables_map const& arguments, EmulatorConfig& config, std::string& error)
+{
+    if (arguments.count("config") && !loadConfigFile(arguments["config"].as<std::string>(), config, error))
+        return false;
+    if (arguments.count("address"))
+        config.address = arguments["address"].as<std::string>();
+    if (arguments.count("port"))
+        config.port = arguments["port"].as<unsigned short>();
+    if (arguments.count("data-dir"))
+        config.dataDirectory = arguments["data-dir"].as<std::string>();
+    if (arguments.count("token"))
+        config.tokens = arguments["token"].as<std::vector<std::string>>();
+    if (arguments.count("token-lifetime"))
+        config.tokenLifetime = std::chrono::seconds(arguments["token-lifetime"].as<unsigned>());
+    if (arguments.count("cert") != arguments.count("key")) {
+        error = "--cert and --key go together";
+        return false;
+    }
+    if (arguments.count("make-certs")) {
+        if (arguments.count("cert")) {
+            error = "--make-certs makes its own certificate: leave out --cert and --key";
+            return false;
+        }
+        config.makeCertificates = true;
+        config.tls = TlsFiles{};
+    }
+    if (arguments.count("cert")) {
+        config.tls = TlsFiles{arguments["cert"].as<std::string>(), arguments["key"].as<std::string>()};
+        if (arguments.count("client-ca"))
+            config.tls->clientCa = arguments["client-ca"].as<std::string>();
+    }
+    if (arguments.count("require-client-cert")) {
+        if (!config.makeCertificates && (!config.tls || config.tls->clientCa.empty())) {
+            error = "--require-client-cert needs --make-certs, or --cert with --client-ca";
+            return false;
+        }
+        config.tls->requireClientCertificate = true;
+    }
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -42,13 +86,21 @@ int main(int argc, char** argv)
     po::options_description options("restclient-emulator options");
     options.add_options()
         ("help,h", "show this help")
-        ("port,p", po::value<unsigned short>(), "port on 127.0.0.1 (0: any free port)")
-        ("data-dir,d", po::value<std::string>(), "where objects are kept (default: a temporary directory)")
+        ("address,a", po::value<std::string>(), "address to listen on (default 127.0.0.1); the services' URLs name it")
+        ("port,p", po::value<unsigned short>(), "port (default 0: any free port)")
+        ("data-dir,d", po::value<std::string>(),
+         "where objects, the URL signing key and made certificates are kept, across restarts "
+         "(default: a temporary directory removed at exit)")
         ("config,c", po::value<std::string>(), "JSON file with tokens, accountId, endpoints, users, ...")
+        ("token,t", po::value<std::vector<std::string>>(), "accepted bearer token that never expires (repeatable)")
+        ("token-lifetime", po::value<unsigned>(), "seconds the token endpoint's tokens live (default 3600)")
+        ("make-certs", "serve HTTPS with a throw-away CA, server and client certificate made in <data-dir>/certs")
         ("cert", po::value<std::string>(), "PEM certificate chain: serve HTTPS")
         ("key", po::value<std::string>(), "PEM private key of --cert")
         ("client-ca", po::value<std::string>(), "PEM CA whose client certificates are asked for")
-        ("token,t", po::value<std::vector<std::string>>(), "accepted bearer token (repeatable)");
+        ("require-client-cert", "refuse clients without a client certificate")
+        ("write-settings", po::value<std::string>(),
+         "write the controller settings a device needs to FILE instead of printing them");
 
     po::variables_map arguments;
     try {
@@ -65,27 +117,9 @@ int main(int argc, char** argv)
 
     EmulatorConfig config;
     std::string error;
-    if (arguments.count("config") && !loadConfigFile(arguments["config"].as<std::string>(), config, error)) {
+    if (!applyArguments(arguments, config, error)) {
         std::cerr << "restclient-emulator: " << error << "\n";
         return 2;
-    }
-    if (arguments.count("port"))
-        config.port = arguments["port"].as<unsigned short>();
-    if (arguments.count("data-dir"))
-        config.dataDirectory = arguments["data-dir"].as<std::string>();
-    if (arguments.count("token"))
-        config.tokens = arguments["token"].as<std::vector<std::string>>();
-    if (arguments.count("cert") != arguments.count("key")) {
-        std::cerr << "restclient-emulator: --cert and --key go together\n";
-        return 2;
-    }
-    if (arguments.count("cert")) {
-        TlsFiles files;
-        files.certificateChain = arguments["cert"].as<std::string>();
-        files.privateKey = arguments["key"].as<std::string>();
-        if (arguments.count("client-ca"))
-            files.clientCa = arguments["client-ca"].as<std::string>();
-        config.tls = files;
     }
 
     // Blocked before the server thread starts, so that only sigwait below sees them.
@@ -99,6 +133,18 @@ int main(int argc, char** argv)
         CloudEmulator emulator(config);
         std::cout << "listening on " << emulator.baseUrl() << std::endl;
         std::cout << "data directory " << emulator.dataDirectory().string() << std::endl;
+        std::string const settings = emulator.controllerSettings();
+        if (arguments.count("write-settings")) {
+            std::string const path = arguments["write-settings"].as<std::string>();
+            std::ofstream out(path, std::ios::trunc);
+            if (!(out << settings) || !(out.close(), out)) {
+                std::cerr << "restclient-emulator: cannot write " << path << "\n";
+                return 1;
+            }
+            std::cout << "controller settings written to " << path << std::endl;
+        } else {
+            std::cout << settings << std::flush;
+        }
         int signal = 0;
         sigwait(&stopSignals, &signal);
     } catch (std::exception const& e) {

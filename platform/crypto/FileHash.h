@@ -1,0 +1,19 @@
+// Digests of whole files, streamed through OpenSSL in constant memory.
+#pragma once
+
+#include <platform/Export.h>
+
+#include <boost/system/error_code.hpp>
+
+#include <string>
+
+namespace tavix::crypto {
+
+enum CryptoEncoding { Binary = 0, Base64 = 1, HexLower = 2 };
+
+// `algorithm` is an OpenSSL digest name ("md5", "sha256" ...). On error `error` is set and the
+// result is empty.
+TAVIX_EXPORT std::string computeFileHash(std::string const& path, std::string const& algorithm,
+                                         boost::system::error_code& error, CryptoEncoding encoding);
+
+} // namespace tavix::crypto

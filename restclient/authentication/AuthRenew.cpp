@@ -1,0 +1,126 @@
+#include <restclient/authentication/AuthRenew.h>
+
+#include <restclient/detail/WorkerLog.h>
+#include <restclient/detail/WorkerThread.h>
+
+#include <platform/controller/AuthenticationServiceClient.h>
+#include <platform/controller/OAuthHelper.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <exception>
+#include <vector>
+
+namespace tavix::restclient::authentication {
+
+std::map<std::string, int>& AuthRenew::s_mapAuthTokens = *new std::map<std::string, int>;
+boost::mutex& AuthRenew::s_mutex = *new boost::mutex;
+boost::shared_ptr<boost::thread>& AuthRenew::s_threadWorker = *new boost::shared_ptr<boost::thread>;
+
+namespace {
+
+constexpr long kRenewMarginSeconds = 59;
+
+// The worker outlives main(), but once exit() has begun it must not touch what static
+// destruction tears down (log4cplus's context, first of all). An atexit handler, registered
+// after those libraries were loaded and so run before their teardown, waits for a pass in
+// progress and keeps the worker from beginning another.
+boost::mutex& s_exitGate = *new boost::mutex;
+bool s_exiting = false;  // guarded by s_exitGate
+
+void closeExitGate()
+{
+    boost::mutex::scoped_lock gate(s_exitGate);
+    s_exiting = true;
+}
+
+// The keys whose token is missing or expired by more than the margin; the caller holds the lock.
+std::vector<std::string> keysToRenew(std::map<std::string, int> const& keys)
+{
+    std::vector<std::string> due;
+    for (auto const& [key, count] : keys) {
+        WORKER_LOG_DEBUG("[AuthRenew] " << key << " => " << count);
+        controller::AuthTokenPtr const token = controller::OAuthHelper::Instance().GetAuthToken(key);
+        if (!token) {
+            WORKER_LOG_DEBUG("[AuthRenew] Auth token for app key " << key << " doesn't exist. We will get it.");
+            due.push_back(key);
+        } else if (AuthRenew::IsDue(token.get(), std::time(nullptr))) {
+            WORKER_LOG_DEBUG("[AuthRenew] Auth token for app key "
+                             << key << " has expired or will expire soon. We will renew it.");
+            due.push_back(key);
+        }
+    }
+    return due;
+}
+
+void renew(std::string const& key)
+{
+    std::string message;
+    int const code = controller::AuthenticationServiceClient::AuthenticateController(key, message);
+    if (code == 0) {
+        WORKER_LOG_INFO("[AuthRenew] Acquired new auth token for app key " << key << ".");
+    } else {
+        WORKER_LOG_ERROR("[AuthRenew] Unable to acquire auth token for app key " << key << ". Error code: " << code
+                                                                                << " " << message);
+    }
+}
+
+} // namespace
+
+AuthRenew::AuthRenew(std::string const& appKey) : m_appKey(appKey)
+{
+    boost::mutex::scoped_lock lock(s_mutex);
+    if (!s_threadWorker) {
+        std::atexit(closeExitGate);
+        s_threadWorker = detail::startWorker(&AuthRenew::WorkerThread, "AuthRenew");
+    }
+    ++s_mapAuthTokens[m_appKey];
+}
+
+AuthRenew::~AuthRenew()
+{
+    boost::mutex::scoped_lock lock(s_mutex);
+    // Insert-on-access: an absent key would be entered at -1, as the original renewer does.
+    int& count = s_mapAuthTokens[m_appKey];
+    count = count - 1;
+    if (count == 0) s_mapAuthTokens.erase(m_appKey);
+}
+
+int AuthRenew::WatchCount(std::string const& appKey)
+{
+    boost::mutex::scoped_lock lock(s_mutex);
+    auto const found = s_mapAuthTokens.find(appKey);
+    return found == s_mapAuthTokens.end() ? 0 : found->second;
+}
+
+bool AuthRenew::IsDue(controller::AuthToken const* token, std::time_t now)
+{
+    return !token || now > token->GetIssued() + token->GetDuration() + kRenewMarginSeconds;
+}
+
+void AuthRenew::WorkerThread()
+{
+    {
+        boost::mutex::scoped_lock gate(s_exitGate);
+        if (s_exiting) return;
+        WORKER_LOG_DEBUG("[AuthRenew] Starting worker thread.");
+    }
+    for (;;) {
+        boost::this_thread::sleep_for(boost::chrono::seconds(10));
+        boost::mutex::scoped_lock gate(s_exitGate);
+        if (s_exiting) return;
+        // A failed pass is tried again on the next one; nothing may end the worker.
+        try {
+            std::vector<std::string> due;
+            {
+                boost::mutex::scoped_lock lock(s_mutex);
+                due = keysToRenew(s_mapAuthTokens);
+            }
+            for (std::string const& key : due) renew(key);
+        } catch (std::exception const& e) {
+            WORKER_LOG_ERROR("[AuthRenew] Renewal pass failed: " << e.what());
+        }
+    }
+}
+
+} // namespace tavix::restclient::authentication

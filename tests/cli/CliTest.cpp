@@ -1,0 +1,253 @@
+// The command-line tool run as a subprocess against the in-process emulator: what it prints,
+// the exit status and message of each failure class, and its progress display on a pipe and
+// on a terminal.
+#include <tests/support/ScopedControllerConfig.h>
+#include <tools/emulator/CloudEmulator.h>
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+#include <json/reader.h>
+
+#include <fstream>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <pty.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace tavix::testing {
+namespace {
+
+namespace fs = boost::filesystem;
+
+// The built tool, named by the build.
+std::string toolPath() { return RESTCLIENT_TOOL; }
+
+std::vector<char*> argv(std::vector<std::string>& args)
+{
+    std::vector<char*> v;
+    for (std::string& a : args) v.push_back(a.data());
+    v.push_back(nullptr);
+    return v;
+}
+
+struct Result {
+    int status = -1;
+    std::string out, err;
+};
+
+std::string slurp(fs::path const& file)
+{
+    std::ostringstream text;
+    text << std::ifstream(file.string()).rdbuf();
+    return text.str();
+}
+
+// Runs the tool with stdout and stderr into files (no pipe to fill up while we wait).
+Result run(std::vector<std::string> args)
+{
+    args.insert(args.begin(), toolPath());
+    fs::path const out = fs::temp_directory_path() / fs::unique_path("cli-out-%%%%%%");
+    fs::path const err = fs::temp_directory_path() / fs::unique_path("cli-err-%%%%%%");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    pid_t pid = 0;
+    Result result;
+    if (posix_spawn(&pid, args[0].c_str(), &actions, nullptr, argv(args).data(), environ) == 0) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    result.out = slurp(out), result.err = slurp(err);
+    fs::remove(out), fs::remove(err);
+    return result;
+}
+
+// Runs the tool on a pseudo-terminal; what it wrote there, stdout and stderr together.
+Result runOnTerminal(std::vector<std::string> args)
+{
+    args.insert(args.begin(), toolPath());
+    std::vector<char*> const v = argv(args);
+    int master = -1;
+    pid_t const pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        execv(v[0], v.data());
+        _exit(127);
+    }
+    Result result;
+    if (pid < 0) return result;
+    char buffer[4096];
+    for (ssize_t n; (n = read(master, buffer, sizeof buffer)) > 0;) result.out.append(buffer, n);
+    close(master);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+Json::Value parse(std::string const& text)
+{
+    Json::Value root;
+    std::istringstream in(text);
+    std::string errors;
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors)) << text;
+    return root;
+}
+
+class CliTest : public ::testing::Test {
+protected:
+    ~CliTest() override
+    {
+        boost::system::error_code ignored;
+        fs::remove(file, ignored);
+    }
+
+    // With the emulator's token, so that nothing needs to authenticate.
+    Result tool(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), {"--token", emulator::kDefaultToken});
+        return run(std::move(args));
+    }
+
+    void writeFile(std::size_t size)
+    {
+        std::string bytes(size, '\0');
+        std::mt19937 random(7);
+        for (char& c : bytes) c = static_cast<char>(random());
+        std::ofstream(file.string(), std::ios::binary) << bytes;
+    }
+
+    emulator::CloudEmulator cloud;
+    ScopedControllerConfig config{cloud.controllerSettings()};
+    fs::path const file = fs::temp_directory_path() / fs::unique_path("cli-upload-%%%%%%.bin");
+};
+
+TEST_F(CliTest, PrintsWhatTheServicesAnswer)
+{
+    struct Case {
+        std::vector<std::string> args;
+        std::string expected;
+    } const cases[] = {
+        {{"locate", "ACCOUNT"}, cloud.accountUrl()},
+        {{"account"}, "storageURL: " + cloud.storageUrl() + "\n"},
+        {{"users"}, "owner@example.com"},
+        {{"geo"}, "country: Norway\n"},
+        {{"register", "--ip", "10.0.0.5", "--port", "5060"}, "ip: 10.0.0.5\n"},
+        {{"resources", "search"}, "NAME"},
+    };
+    for (Case const& c : cases) {
+        Result const r = tool(c.args);
+        EXPECT_EQ(r.status, 0) << c.args[0] << ": " << r.err;
+        EXPECT_NE(r.out.find(c.expected), std::string::npos) << c.args[0] << ": " << r.out;
+        EXPECT_EQ(r.err, "") << c.args[0];
+    }
+    EXPECT_EQ(cloud.registration()["ip"].asString(), "10.0.0.5");
+}
+
+TEST_F(CliTest, JsonPrintsTheDecodedDocumentOrTheErrorDocument)
+{
+    Result const account = tool({"--json", "account"});
+    EXPECT_EQ(account.status, 0);
+    EXPECT_EQ(parse(account.out)["storageURL"].asString(), cloud.storageUrl());
+
+    Result const missing = tool({"locate", "NOPE", "--json"});
+    EXPECT_EQ(missing.status, 4);
+    Json::Value const error = parse(missing.out);
+    EXPECT_EQ(error["code"].asUInt(), 404u);
+    EXPECT_EQ(error["message"].asString(), "No location for service NOPE");
+}
+
+TEST_F(CliTest, EachFailureClassHasItsExitStatusAndMessage)
+{
+    struct Case {
+        char const* what;
+        std::function<void()> script;
+        std::vector<std::string> args;
+        int status;
+        std::string message;
+    } const cases[] = {
+        {"unknown command", {}, {"--token", "t", "frobnicate"}, 2, "frobnicate"},
+        {"missing subcommand", {}, {"--token", "t", "resources"}, 2, "subcommand"},
+        {"bad URL", {}, {"--token", "t", "--storage-url", "nowhere", "resources", "search"}, 2, "nowhere"},
+        {"no answer",
+         {},
+         {"--token", "t", "--locator-url", "http://127.0.0.1:1/locator/rest", "locate", "ACCOUNT"},
+         3,
+         "Connection refused"},
+        {"error document", {}, {"--token", emulator::kDefaultToken, "locate", "NOPE"}, 4, "status 404, code 404"},
+        {"malformed answer",
+         [this] { cloud.scriptReply({200, R"({"account": "not an object"})", "application/json", "current"}); },
+         {"--token", emulator::kDefaultToken, "account"},
+         4,
+         "current account: malformed answer"},
+        {"upload failure", {}, {"--token", "t", "upload", "/nonexistent/file"}, 5, "error 2: File doesn't exist."},
+        {"refused token",
+         [this] { cloud.scriptReply({401, R"({"error": "invalid_client"})", "application/json", "oauth/token"}); },
+         {"geo"},
+         6,
+         "authentication of app key 'restclient-cli' failed: error 401: invalid_client"},
+    };
+    for (Case const& c : cases) {
+        if (c.script) c.script();
+        Result const r = run(c.args);
+        EXPECT_EQ(r.status, c.status) << c.what << ": " << r.err;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.what << ": " << r.err;
+    }
+}
+
+TEST_F(CliTest, TokenShowsTheRecordWithTheTokenMasked)
+{
+    Result const r = run({"--json", "token", "device-key"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json::Value const record = parse(r.out);
+    std::string const masked = record["token"].asString();
+    ASSERT_GT(masked.size(), 9u);
+    EXPECT_EQ(masked.find('*'), 9u);
+    EXPECT_EQ(masked.find_first_not_of('*', 9), std::string::npos);
+    EXPECT_EQ(record["tokenType"].asString(), "Bearer");
+    EXPECT_FALSE(record["expires"].asString().empty());
+}
+
+// The whole chain without --token: the uploader authenticates, locates, stores and sends.
+TEST_F(CliTest, UploadsThroughTheUploaderWithPlainProgressLines)
+{
+    writeFile(3 * 1024 * 1024);
+    // The first request waits, so the plain lines come while the chain runs.
+    cloud.delayNext(std::chrono::milliseconds(300));
+    Result const r =
+        run({"upload", file.string(), "--type", "log", "--meta", "origin=test", "--progress-interval", "0.05"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("mediaLocation: " + cloud.storageUrl() + "/media\n"), std::string::npos) << r.out;
+    EXPECT_EQ(r.err.find('\r'), std::string::npos);
+    EXPECT_GE(std::count(r.err.begin(), r.err.end(), '\n'), 3) << r.err;
+    EXPECT_NE(r.err.find("upload: authenticating\n"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("upload: 100% 3145728 of 3145728 bytes"), std::string::npos) << r.err;
+
+    auto const objects = cloud.objects();
+    ASSERT_EQ(objects.size(), 1u);
+    EXPECT_EQ(objects[0].type, "log");
+    EXPECT_EQ(objects[0].contentLength, 3145728u);
+}
+
+TEST_F(CliTest, DrawsAProgressBarOnATerminal)
+{
+    writeFile(1024 * 1024);
+    Result const r = runOnTerminal({"--token", emulator::kDefaultToken, "upload", file.string()});
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("\rupload [" + std::string(30, '#') + "] 100% 1.0 MiB of 1.0 MiB"), std::string::npos)
+        << r.out;
+}
+
+} // namespace
+} // namespace tavix::testing
