@@ -9,6 +9,7 @@
 #include <json/reader.h>
 
 #include <csignal>
+#include <cstdio>
 #include <fstream>
 #include <iostream>
 
@@ -136,8 +137,10 @@ int main(int argc, char** argv)
         std::string const settings = emulator.controllerSettings();
         if (arguments.count("write-settings")) {
             std::string const path = arguments["write-settings"].as<std::string>();
-            std::ofstream out(path, std::ios::trunc);
-            if (!(out << settings) || !(out.close(), out)) {
+            // Whole or not at all: a script may be waiting for the file to appear.
+            std::string const temporary = path + ".tmp";
+            std::ofstream out(temporary, std::ios::trunc);
+            if (!(out << settings) || !(out.close(), out) || std::rename(temporary.c_str(), path.c_str()) != 0) {
                 std::cerr << "restclient-emulator: cannot write " << path << "\n";
                 return 1;
             }
