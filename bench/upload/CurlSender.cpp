@@ -5,7 +5,7 @@
 //   upload_send_curl <url> <file> <report-file>
 //
 // The report holds "transfer <seconds>" (from opening the file to the answer, as the uploader's
-// step 5 takes it), "status <HTTP status>", "curl <CURLcode>", "bytes <n>" and "shared_kb <n>".
+// step 5 takes it), "status <HTTP status>", "curl <CURLcode>" and "shared_kb <n>".
 
 // The uploader's options, deprecated names included.
 #define CURL_DISABLE_DEPRECATION
@@ -16,19 +16,15 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <memory>
 
 #include <sys/stat.h>
 
 namespace {
 
-struct Progress {
-    curl_off_t uploaded = 0;
-};
-
+// Keeps the count, as the uploader's callback does.
 int onProgress(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploaded)
 {
-    static_cast<Progress*>(data)->uploaded = uploaded;
+    *static_cast<curl_off_t*>(data) = uploaded;
     return 0;
 }
 
@@ -54,13 +50,13 @@ int main(int argc, char** argv)
     CURL* curl = curl_easy_init();
     curl_off_t const size = info.st_size;
     long const timeout = std::min(10 + 200 * (static_cast<long>(size / 1000000) + 1), 82800L);
-    Progress progress;
+    curl_off_t uploaded = 0;
     curl_slist* headers = curl_slist_append(nullptr, "Content-Type: binary/octet-stream");
     curl_easy_setopt(curl, CURLOPT_URL, argv[1]);
     curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(curl, CURLOPT_PUT, 1L);
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &onProgress);
-    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &progress);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &uploaded);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_READDATA, file);
@@ -82,8 +78,8 @@ int main(int argc, char** argv)
         std::perror(argv[3]);
         return 1;
     }
-    std::fprintf(report, "transfer %.6f\nstatus %ld\ncurl %d\nbytes %lld\nshared_kb %ld\n", transfer.count(), status,
-                 static_cast<int>(result), static_cast<long long>(progress.uploaded), tavix::bench::sharedResidentKb());
+    std::fprintf(report, "transfer %.6f\nstatus %ld\ncurl %d\nshared_kb %ld\n", transfer.count(), status,
+                 static_cast<int>(result), tavix::bench::sharedResidentKb());
     std::fclose(report);
     if (result != CURLE_OK) std::fprintf(stderr, "upload_send_curl: %s\n", curl_easy_strerror(result));
     return result == CURLE_OK && status == 200 ? 0 : 1;

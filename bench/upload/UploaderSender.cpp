@@ -5,7 +5,7 @@
 //
 // The report holds "chain <seconds>" (start to step 6), "before_transfer <seconds>" (start to
 // step 5: the REST steps and the MD5 pass inside step 4), "transfer <seconds>" (step 5 to step
-// 6), "error <code>", "bytes <sent>", "shared_kb <n>" and "message <text>".
+// 6), "error <code>", "shared_kb <n>" and "message <text>".
 #include <bench/upload/ResidentMemory.h>
 #include <restclient/storage/FileUploader.h>
 
@@ -64,10 +64,9 @@ int main(int argc, char** argv)
         return 1;
     }
     std::fprintf(report,
-                 "chain %.6f\nbefore_transfer %.6f\ntransfer %.6f\nerror %d\nbytes %lld\nshared_kb %ld\nmessage %s\n",
+                 "chain %.6f\nbefore_transfer %.6f\ntransfer %.6f\nerror %d\nshared_kb %ld\nmessage %s\n",
                  seconds(end - start), seconds(transferStart - start), seconds(end - transferStart),
-                 static_cast<int>(uploader.errorCode), static_cast<long long>(uploader.bytesSent.load()),
-                 tavix::bench::sharedResidentKb(), uploader.errorMessage.c_str());
+                 static_cast<int>(uploader.errorCode), tavix::bench::sharedResidentKb(), uploader.errorMessage.c_str());
     std::fclose(report);
     return uploader.errorCode == 0 ? 0 : 1;
 }

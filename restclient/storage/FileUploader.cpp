@@ -141,6 +141,30 @@ AsyncOperation::Result FileUploader::waitForReply()
     return AsyncOperation::Failed;
 }
 
+FileUploader::StepResult FileUploader::awaitStep(int retryFailedCode, int failedCode, char const* failedMessage)
+{
+    switch (waitForReply()) {
+    case AsyncOperation::Success: return StepResult::done;
+    case AsyncOperation::Retry:
+        if (GetAuthToken()) return StepResult::again;
+        setError(retryFailedCode, "Unable to get auth token on retry.");
+        return StepResult::failed;
+    default: setStepFailure(failedCode, failedMessage); return StepResult::failed;
+    }
+}
+
+bool FileUploader::retryAfterUnauthorized(veltrun::TavixErrorResponse const& error, char const* action)
+{
+    // Once per upload: a second 401 is the step's failure.
+    if (error.code.value != kUnauthorized || m_reauthenticated) return false;
+    m_reauthenticated = true;
+    WORKER_LOG_DEBUG("[FileUploader] Received error code " << kUnauthorized << " while trying to " << action
+                                                           << ". Trying to re-authenticate.");
+    MarkAuthTokenExpired();
+    m_operation.Done(AsyncOperation::Retry);
+    return true;
+}
+
 void FileUploader::setStepFailure(int code, std::string const& message)
 {
     if (m_malformedAnswer.empty()) return setError(code, message);
@@ -235,12 +259,10 @@ bool FileUploader::LocateAccountService()
             setError(ec.value(), ec.message());
             continue;
         }
-        switch (waitForReply()) {
-        case AsyncOperation::Success: return true;
-        case AsyncOperation::Retry:
-            if (!GetAuthToken()) return setError(11, "Unable to get auth token on retry."), false;
-            continue;
-        default: return setStepFailure(12, "Unable to locate Account service"), false;
+        switch (awaitStep(11, 12, "Unable to locate Account service")) {
+        case StepResult::done: return true;
+        case StepResult::again: continue;
+        case StepResult::failed: return false;
         }
     }
     return false;
@@ -269,13 +291,7 @@ void FileUploader::handleLocationResponse(locator::LocationResponse response, ve
         }
         return m_operation.Done(AsyncOperation::Success);
     }
-    if (error.code.value == kUnauthorized && !m_reauthenticated) {
-        m_reauthenticated = true;
-        WORKER_LOG_DEBUG("[FileUploader] Received error code "
-                         << kUnauthorized << " while trying to locate service endpoint. Trying to re-authenticate.");
-        MarkAuthTokenExpired();
-        return m_operation.Done(AsyncOperation::Retry);
-    }
+    if (retryAfterUnauthorized(error, "locate service endpoint")) return;
     if (ec) {
         WORKER_LOG_ERROR("[FileUploader] Unable to locate endpoint for Account service. " << describeFailure(ec, error));
     } else {
@@ -312,12 +328,10 @@ bool FileUploader::GetStorageServiceURL()
             setError(ec.value(), ec.message());
             return false;
         }
-        switch (waitForReply()) {
-        case AsyncOperation::Success: return true;
-        case AsyncOperation::Retry:
-            if (!GetAuthToken()) return setError(21, "Unable to get auth token on retry."), false;
-            continue;
-        default: return setStepFailure(22, "Unable to get URL to Storage service"), false;
+        switch (awaitStep(21, 22, "Unable to get URL to Storage service")) {
+        case StepResult::done: return true;
+        case StepResult::again: continue;
+        case StepResult::failed: return false;
         }
     }
     return false;
@@ -331,14 +345,7 @@ void FileUploader::handleAccountResponse(account::AccountResponse response, velt
         WORKER_LOG_DEBUG("[FileUploader] URL to Storage service: " << m_storageURL);
         return m_operation.Done(AsyncOperation::Success);
     }
-    if (error.code.value == kUnauthorized && !m_reauthenticated) {
-        m_reauthenticated = true;
-        WORKER_LOG_DEBUG("[FileUploader] Received error code "
-                         << kUnauthorized
-                         << " while trying to get current account from Account service. Trying to re-authenticate.");
-        MarkAuthTokenExpired();
-        return m_operation.Done(AsyncOperation::Retry);
-    }
+    if (retryAfterUnauthorized(error, "get current account from Account service")) return;
     WORKER_LOG_ERROR("[FileUploader] Unable to get current account from Account service. " << describeFailure(ec, error));
     m_operation.Done(AsyncOperation::Failed);
 }

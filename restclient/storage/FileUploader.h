@@ -86,6 +86,12 @@ private:
     // The step's failure; its message says so when the answer was malformed.
     void setStepFailure(int code, std::string const& message);
     AsyncOperation::Result waitForReply();
+    // Waits for a REST step's handler: done, again after a new token, or failed with the error
+    // set (`retryFailedCode` when no new token came, `failedCode` otherwise).
+    enum class StepResult { done, again, failed };
+    StepResult awaitStep(int retryFailedCode, int failedCode, char const* failedMessage);
+    // A handler's 401 path: marks the token expired and asks for a retry, once per upload.
+    bool retryAfterUnauthorized(veltrun::TavixErrorResponse const& error, char const* action);
 
     boost::filesystem::path m_path;
     std::string m_name;

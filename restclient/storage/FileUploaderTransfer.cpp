@@ -30,7 +30,6 @@ namespace tavix::restclient::storage {
 
 using namespace boost::placeholders;
 using detail::describeFailure;
-using detail::kUnauthorized;
 using detail::ServiceAddress;
 
 static_assert(std::is_same_v<curl_off_t, std::int64_t>, "the progress callback's types are curl's");
@@ -142,12 +141,10 @@ bool FileUploader::GetUploadURL()
             setError(ec.value(), ec.message());
             return false;
         }
-        switch (waitForReply()) {
-        case AsyncOperation::Success: return true;
-        case AsyncOperation::Retry:
-            if (!GetAuthToken()) return setError(31, "Unable to get auth token on retry."), false;
-            continue;
-        default: return setStepFailure(32, "Failed to get upload URL."), false;
+        switch (awaitStep(31, 32, "Failed to get upload URL.")) {
+        case StepResult::done: return true;
+        case StepResult::again: continue;
+        case StepResult::failed: return false;
         }
     }
     return false;
@@ -166,13 +163,7 @@ void FileUploader::handleGetStorageUploadURLResponse(StoreResponse response, vel
         }
         return m_operation.Done(AsyncOperation::Success);
     }
-    if (error.code.value == kUnauthorized && !m_reauthenticated) {
-        m_reauthenticated = true;
-        WORKER_LOG_DEBUG("[FileUploader] Received error code "
-                         << kUnauthorized << " while trying to get URL to upload file. Trying to re-authenticate.");
-        MarkAuthTokenExpired();
-        return m_operation.Done(AsyncOperation::Retry);
-    }
+    if (retryAfterUnauthorized(error, "get URL to upload file")) return;
     WORKER_LOG_ERROR("[FileUploader] Unable to get upload URL. " << describeFailure(ec, error));
     m_operation.Done(AsyncOperation::Failed);
 }
