@@ -73,6 +73,8 @@ AuthRenew::AuthRenew(std::string const& appKey) : m_appKey(appKey)
     if (!s_threadWorker) {
         std::atexit(closeExitGate);
         s_threadWorker = detail::startWorker(&AuthRenew::WorkerThread, "AuthRenew");
+        // Never joined: detached, so that its end during exit leaves nothing behind.
+        s_threadWorker->detach();
     }
     ++s_mapAuthTokens[m_appKey];
 }
