@@ -4,12 +4,15 @@
 #include <boost/algorithm/string/trim.hpp>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <map>
+#include <mutex>
 #include <sstream>
+#include <tuple>
 
 namespace tavix::controller {
 
@@ -60,6 +63,44 @@ int readWhole(std::string const& file, std::string& text)
     return error;
 }
 
+// What identifies one version of the settings file.
+struct FileStatus {
+    std::string path;
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    timespec modified{};
+
+    bool operator==(FileStatus const& other) const
+    {
+        return std::tie(path, device, inode, size, modified.tv_sec, modified.tv_nsec) ==
+               std::tie(other.path, other.device, other.inode, other.size, other.modified.tv_sec,
+                        other.modified.tv_nsec);
+    }
+};
+
+struct LoadResult {
+    Settings settings;
+    boost::system::error_code ec;
+    std::string detail;
+};
+
+LoadResult loadFile(std::string const& file)
+{
+    LoadResult result;
+    std::string text;
+    int const error = readWhole(file, text);
+    if (error == ENOENT) return result;
+    if (error) {
+        result.ec = SettingsError::unreadable;
+        result.detail = file + ": " + boost::system::error_code(error, boost::system::system_category()).message();
+        return result;
+    }
+    result.settings = Settings::parse(text, result.ec, &result.detail);
+    if (result.ec) result.detail = file + ":" + result.detail;
+    return result;
+}
+
 } // namespace
 
 boost::system::error_category const& settings_category()
@@ -81,21 +122,28 @@ std::string Settings::path()
 
 Settings Settings::load(boost::system::error_code& ec, std::string* detail)
 {
-    std::string const file = path();
-    std::string text;
-    int const error = readWhole(file, text);
-    if (error == ENOENT) {
-        ec = {};
-        return {};
+    static std::mutex mutex;
+    static FileStatus cachedStatus;
+    static LoadResult cached;
+
+    FileStatus status{path()};
+    struct stat info {};
+    // Only a regular file is worth remembering: anything else is read (and refused) each time.
+    bool const stable = ::stat(status.path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    if (stable) {
+        status.device = info.st_dev;
+        status.inode = info.st_ino;
+        status.size = info.st_size;
+        status.modified = info.st_mtim;
     }
-    if (error) {
-        ec = SettingsError::unreadable;
-        if (detail) *detail = file + ": " + boost::system::error_code(error, boost::system::system_category()).message();
-        return {};
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!stable || !(status == cachedStatus)) {
+        cached = loadFile(status.path);
+        cachedStatus = stable ? status : FileStatus{};
     }
-    Settings settings = parse(text, ec, detail);
-    if (ec && detail) *detail = file + ":" + *detail;
-    return settings;
+    ec = cached.ec;
+    if (detail && ec) *detail = cached.detail;
+    return cached.settings;
 }
 
 Settings Settings::parse(std::string const& text, boost::system::error_code& ec, std::string* detail)
@@ -105,6 +153,7 @@ Settings Settings::parse(std::string const& text, boost::system::error_code& ec,
         {"locator_url", &s.locatorUrl},   {"auth_url", &s.authUrl}, {"client_cert_file", &s.clientCertFile},
         {"ca_file", &s.caFile},           {"common_name", &s.commonName},
     };
+    std::map<std::string, bool*> const flags = {{"disable_tls", &s.disableTls}, {"connection_reuse", &s.connectionReuse}};
     auto fail = [&](SettingsError e, int lineNo, std::string const& why) {
         ec = e;
         if (detail) *detail = std::to_string(lineNo) + ": " + why;
@@ -120,9 +169,9 @@ Settings Settings::parse(std::string const& text, boost::system::error_code& ec,
         if (eq == std::string::npos) return fail(SettingsError::malformedLine, lineNo, "expected 'key = value'");
         std::string const key = boost::algorithm::trim_copy(line.substr(0, eq));
         std::string const value = boost::algorithm::trim_copy(line.substr(eq + 1));
-        if (key == "disable_tls") {
-            if (!parseBool(value, s.disableTls)) {
-                return fail(SettingsError::badValue, lineNo, "disable_tls must be true or false, not '" + value + "'");
+        if (auto const flag = flags.find(key); flag != flags.end()) {
+            if (!parseBool(value, *flag->second)) {
+                return fail(SettingsError::badValue, lineNo, key + " must be true or false, not '" + value + "'");
             }
             continue;
         }

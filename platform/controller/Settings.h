@@ -1,6 +1,7 @@
 // The controller's provisioning settings: a file of `key = value` lines named by the
 // environment variable TAVIX_CONTROLLER_CONFIG (default /etc/tavix/controller.conf).
-// It is read afresh at each use, so a re-provisioned device needs no restart.
+// A re-provisioned device needs no restart: each use looks at the file's status and parses it
+// again when it changed.
 #pragma once
 
 #include <platform/Export.h>
@@ -25,9 +26,11 @@ struct TAVIX_EXPORT Settings {
     std::string caFile;          // ca_file: CA bundle for HTTPS REST peers
     bool disableTls = false;     // disable_tls
     std::string commonName;      // common_name
+    bool connectionReuse = true; // connection_reuse: keep HTTP connections alive between requests
 
     static std::string path();
-    // Reads `path()`. On error `ec` is set, `detail` (when given) says where and why (the path
+    // Reads `path()`, or gives the last result while the file's status (modification time,
+    // size, identity) is unchanged. On error `ec` is set, `detail` (when given) says where and why (the path
     // and the system's reason, or the path and line), and the settings returned are empty.
     static Settings load(boost::system::error_code& ec, std::string* detail = nullptr);
     static Settings parse(std::string const& text, boost::system::error_code& ec,

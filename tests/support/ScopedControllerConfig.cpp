@@ -31,7 +31,10 @@ ScopedControllerConfig::~ScopedControllerConfig()
 
 void ScopedControllerConfig::write(std::string const& text) const
 {
-    std::ofstream(m_path, std::ios::trunc) << text;
+    // Replaced, as provisioning does: a new file is seen as changed however fast it follows.
+    std::string const next = m_path + ".next";
+    std::ofstream(next, std::ios::trunc) << text;
+    boost::filesystem::rename(next, m_path);
 }
 
 } // namespace tavix::testing

@@ -45,9 +45,10 @@ std::optional<ssl::context> makeTlsContext(std::optional<TlsFiles> const& files)
         // Unless required, a client without a certificate is served and recorded as such.
         context->set_verify_mode(files->requireClientCertificate ? ssl::verify_peer | ssl::verify_fail_if_no_peer_cert
                                                                  : ssl::verify_peer);
-        static unsigned char const sessionContext[] = "tavix-emulator";
-        SSL_CTX_set_session_id_context(context->native_handle(), sessionContext, sizeof sessionContext - 1);
     }
+    // Resumed sessions (of a verified client too) need the context they were made in.
+    static unsigned char const sessionContext[] = "tavix-emulator";
+    SSL_CTX_set_session_id_context(context->native_handle(), sessionContext, sizeof sessionContext - 1);
     return context;
 }
 
@@ -74,6 +75,10 @@ struct HttpServer::Impl {
             }
             error_code ignored;
             socket.set_option(tcp::no_delay(true), ignored);
+            {
+                std::lock_guard<std::mutex> lock(state.mutex);
+                ++state.counts.connections;
+            }
             if (tls) {
                 using TlsStream = ssl::stream<tcp::socket>;
                 std::make_shared<ServerSession<TlsStream>>(state, TlsStream(std::move(socket), *tls))->start();
@@ -149,6 +154,18 @@ void HttpServer::clearFaults()
 {
     std::lock_guard<std::mutex> lock(m_impl->state.mutex);
     m_impl->state.faults.clear();
+}
+
+void HttpServer::setIdleTimeout(std::chrono::milliseconds timeout)
+{
+    std::lock_guard<std::mutex> lock(m_impl->state.mutex);
+    m_impl->state.idleTimeout = timeout;
+}
+
+ConnectionCounts HttpServer::connectionCounts() const
+{
+    std::lock_guard<std::mutex> lock(m_impl->state.mutex);
+    return m_impl->state.counts;
 }
 
 std::vector<CapturedRequest> HttpServer::requests() const

@@ -69,6 +69,15 @@ struct BodyPlan {
     std::function<Response(Request const& request, StreamedBody const& body)> finish;
 };
 
+// What the clients cost the server: TCP connections accepted (and since closed), TLS handshakes
+// done in full and abbreviated (a resumed session).
+struct ConnectionCounts {
+    std::size_t connections = 0;
+    std::size_t closed = 0;
+    std::size_t fullHandshakes = 0;
+    std::size_t resumedHandshakes = 0;
+};
+
 class HttpServer {
 public:
     using Handler = std::function<Response(Request const& request)>;
@@ -92,10 +101,14 @@ public:
     void setBodyFileChooser(BodyFileChooser chooser);
     // Largest request body kept in memory; larger bodies get 413.
     void setBodyLimit(std::size_t bytes);
+    // A kept-alive connection that brings no new request within this time is closed (0: never).
+    void setIdleTimeout(std::chrono::milliseconds timeout);
 
     // Faults apply to the next requests, one each, in the order pushed.
     void pushFault(Fault fault);
     void clearFaults();
+
+    ConnectionCounts connectionCounts() const;
 
     std::vector<CapturedRequest> requests() const;
     std::optional<CapturedRequest> lastRequest() const;

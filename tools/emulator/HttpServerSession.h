@@ -35,6 +35,8 @@ struct ServerState {
     std::vector<CapturedRequest> requests;
     HttpServer::BodyPlanner bodyPlanner;
     std::size_t bodyLimit = 64 * 1024 * 1024;
+    ConnectionCounts counts;
+    std::chrono::milliseconds idleTimeout{0};
 
     std::optional<Fault> takeFault()
     {
@@ -93,6 +95,10 @@ public:
 
     ~ServerSession()
     {
+        {
+            std::lock_guard<std::mutex> lock(m_state.mutex);
+            ++m_state.counts.closed;
+        }
         m_sink.reset();
         if (!m_ownedFile.empty()) ::unlink(m_ownedFile.c_str());
     }
@@ -102,6 +108,7 @@ public:
         if constexpr (isTls) {
             m_stream.async_handshake(asio::ssl::stream_base::server, [self = this->shared_from_this()](error_code ec) {
                 if (ec) return self->socket().close();
+                self->countHandshake();
                 self->m_clientName = peerCommonName(self->m_stream.native_handle());
                 self->readHead();
             });
@@ -111,6 +118,13 @@ public:
     }
 
 private:
+    void countHandshake()
+    {
+        bool const resumed = SSL_session_reused(m_stream.native_handle());
+        std::lock_guard<std::mutex> lock(m_state.mutex);
+        ++(resumed ? m_state.counts.resumedHandshakes : m_state.counts.fullHandshakes);
+    }
+
     tcp::socket& socket()
     {
         if constexpr (isTls) return m_stream.next_layer();
@@ -127,8 +141,26 @@ private:
                                 [self = this->shared_from_this()](error_code ec, std::size_t) { self->onHead(ec); });
     }
 
+    // Between requests, as servers do: a connection idle too long is closed.
+    void readNextHead()
+    {
+        std::chrono::milliseconds idleTimeout;
+        {
+            std::lock_guard<std::mutex> lock(m_state.mutex);
+            idleTimeout = m_state.idleTimeout;
+        }
+        if (idleTimeout.count() > 0) {
+            m_timer.expires_after(idleTimeout);
+            m_timer.async_wait([self = this->shared_from_this()](error_code ec) {
+                if (!ec) self->socket().close();
+            });
+        }
+        readHead();
+    }
+
     void onHead(error_code ec)
     {
+        m_timer.cancel();
         if (ec) return failRead(ec);
         std::size_t limit;
         HttpServer::BodyPlanner planner;
@@ -322,7 +354,7 @@ private:
         m_response = std::move(response);
         http::async_write(m_stream, m_response, [self = this->shared_from_this(), keepAlive](error_code ec, std::size_t) {
             if (ec) return self->socket().close();
-            if (keepAlive) return self->readHead();
+            if (keepAlive) return self->readNextHead();
             self->closeGracefully();
         });
     }

@@ -7,15 +7,20 @@
 #include <boost/asio/ssl/host_name_verification.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include <sys/socket.h>
+
+#include <cerrno>
+
 namespace tavix::net::http {
 
 namespace asio = boost::asio;
 using boost::system::error_code;
 
-Connection::Connection(asio::io_context& io, std::shared_ptr<asio::ssl::context> tls)
+Connection::Connection(asio::io_context& io, std::shared_ptr<TlsClientContext> tls, std::string route)
     : m_strand(io)
     , m_tlsContext(std::move(tls))
-    , m_stream(m_tlsContext ? Stream(std::in_place_type<TlsStream>, io, *m_tlsContext)
+    , m_route(std::move(route))
+    , m_stream(m_tlsContext ? Stream(std::in_place_type<TlsStream>, io, m_tlsContext->context())
                             : Stream(std::in_place_type<Socket>, io))
 {}
 
@@ -34,6 +39,24 @@ void Connection::expectPeer(std::string const& host)
     // SNI carries names only; an IP literal is checked against the certificate's IP entries.
     if (notAnAddress) SSL_set_tlsext_host_name(stream->native_handle(), host.c_str());
     stream->set_verify_callback(asio::ssl::host_name_verification(host));
+}
+
+void Connection::reopen()
+{
+    error_code ignored;
+    socket().close(ignored);
+    if (m_tlsContext) m_stream.emplace<TlsStream>(m_strand.context(), m_tlsContext->context());
+    else m_stream.emplace<Socket>(m_strand.context());
+}
+
+bool Connection::idleAndUsable()
+{
+    if (m_closed || !socket().is_open()) return false;
+    // A peer that closed an idle connection has sent its FIN (and, over TLS, a close_notify):
+    // either shows as something to read.
+    char byte;
+    ssize_t const n = ::recv(socket().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
 }
 
 void Connection::close()

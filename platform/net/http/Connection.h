@@ -1,16 +1,20 @@
-// One TCP connection, plain or TLS, for one HTTP exchange: each exchange opens its own and asks
-// the server to close it after the response ("Connection: close"); nothing is reused yet. It is
-// an object apart from the exchange so that its client can close it (`HttpClient::close`) while
-// the exchange runs or after it. All its handlers run on its strand, so that a time-out or a
-// close never races an operation even when several threads run the io_context.
+// One TCP connection, plain or TLS, that carries HTTP exchanges one after the other: made for
+// one exchange, it may go idle in the connection pool of its io_context and serve the next
+// exchange to the same route. It is an object apart from the exchange so that a client can
+// close it (`HttpClient::close`) while its exchange runs; the lease number tells a client
+// whether the connection is still its own. All its handlers run on its strand, so that a
+// time-out or a close never races an operation even when several threads run the io_context.
 #pragma once
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ssl/context.hpp>
-#include <boost/asio/ssl/stream.hpp>
-#include <boost/asio/io_context_strand.hpp>
+#include <platform/net/http/TlsContextCache.h>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/io_context_strand.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/stream.hpp>
+
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <variant>
@@ -25,12 +29,15 @@ public:
     using Socket = boost::asio::ip::tcp::socket;
     using TlsStream = boost::asio::ssl::stream<Socket>;
 
-    // `tls` null: a plain connection.
-    Connection(boost::asio::io_context& io, std::shared_ptr<boost::asio::ssl::context> tls);
+    // `tls` null: a plain connection. `route` names what it may be reused for (scheme, host,
+    // port and TLS settings).
+    Connection(boost::asio::io_context& io, std::shared_ptr<TlsClientContext> tls, std::string route);
 
     Strand& strand() { return m_strand; }
     Socket& socket();
     TlsStream* tls() { return std::get_if<TlsStream>(&m_stream); }
+    TlsClientContext* tlsContext() { return m_tlsContext.get(); }
+    std::string const& route() const { return m_route; }
 
     // Calls `f` with the stream that carries HTTP: the socket, or the TLS stream over it.
     template <class F>
@@ -43,6 +50,19 @@ public:
     // against `host`, before the handshake.
     void expectPeer(std::string const& host);
 
+    // A new, unconnected stream in place of the old one, on the same strand: the second try of
+    // an exchange whose reused connection had died.
+    void reopen();
+
+    // Idle and still usable: open, and nothing to read (no data, no end of stream) while no
+    // exchange runs on it. Called without the strand, on a connection nobody uses.
+    bool idleAndUsable();
+
+    // Changes when the connection goes back to the pool: a client whose lease is no longer
+    // current must leave it alone.
+    std::uint64_t lease() const { return m_lease; }
+    void newLease() { ++m_lease; }
+
     // At once; the pending operations end with operation_aborted, and no exchange starts on a
     // closed connection.
     void close();
@@ -51,10 +71,13 @@ public:
     void shutdown();
 
 private:
-    Strand m_strand;
-    std::shared_ptr<boost::asio::ssl::context> m_tlsContext;  // outlives the TLS stream
     using Stream = std::variant<Socket, TlsStream>;
+
+    Strand m_strand;
+    std::shared_ptr<TlsClientContext> m_tlsContext;  // outlives the TLS stream
+    std::string m_route;
     Stream m_stream;
+    std::atomic<std::uint64_t> m_lease{0};
     bool m_closed = false;
 };
 

@@ -27,13 +27,28 @@ std::string hostField(Url const& url)
     return host;
 }
 
+bool idempotent(beast::http::verb method)
+{
+    using beast::http::verb;
+    switch (method) {
+    case verb::get: case verb::head: case verb::put: case verb::delete_: case verb::options: case verb::trace:
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
 
-Exchange::Exchange(std::shared_ptr<Connection> connection, HttpRequest const& request, ClientOptions const& options,
-                   HttpClient::Completion completion)
+Exchange::Exchange(std::shared_ptr<Connection> connection, bool reused, ConnectionPool* pool,
+                   HttpRequest const& request, ClientOptions const& options, HttpClient::Completion completion)
     : m_connection(std::move(connection))
+    , m_reused(reused)
+    , m_pool(pool)
+    , m_idempotent(idempotent(request.method()))
     , m_host(request.url().host())
     , m_port(request.url().port())
+    , m_peer(m_host + ":" + std::to_string(m_port))
     , m_options(options)
     , m_completion(std::move(completion))
     , m_timer(m_connection->strand().context())
@@ -44,8 +59,7 @@ Exchange::Exchange(std::shared_ptr<Connection> connection, HttpRequest const& re
     m_request.version(11);
     if (fields.find(field::host) == fields.end()) m_request.set(field::host, hostField(request.url()));
     for (auto const& f : fields) m_request.insert(f.name_string(), f.value());
-    // One exchange per connection for now; the server may end it after the response.
-    if (fields.find(field::connection) == fields.end()) m_request.set(field::connection, "close");
+    if (!m_pool && fields.find(field::connection) == fields.end()) m_request.set(field::connection, "close");
     // The caller sets Content-Length for a body; an empty body gets none (not even "0").
     if (!request.payload().empty() && fields.find(field::content_length) == fields.end() &&
         fields.find(field::transfer_encoding) == fields.end()) {
@@ -68,10 +82,16 @@ void Exchange::begin()
 {
     error_code ec;
     if (interrupted(ec)) return finish(ec);
-    auto const now = Clock::now();
-    m_exchangeDeadline = now + m_options.exchangeTimeout;
-    armTimer(std::min(now + m_options.connectTimeout, m_exchangeDeadline));
+    m_exchangeDeadline = Clock::now() + m_options.exchangeTimeout;
+    if (!m_reused) return connect();
+    m_connectionUp = true;
+    armTimer(m_exchangeDeadline);
+    send();
+}
 
+void Exchange::connect()
+{
+    armTimer(std::min(Clock::now() + m_options.connectTimeout, m_exchangeDeadline));
     error_code notAnAddress;
     auto const address = asio::ip::make_address(m_host, notAnAddress);
     // No resolver for an IP literal: it would cost a hop through the resolver's thread.
@@ -107,6 +127,7 @@ void Exchange::onConnect(error_code ec)
     error_code ignored;
     m_connection->socket().set_option(tcp::no_delay(true), ignored);
     m_connection->expectPeer(m_host);
+    m_connection->tlsContext()->resume(tls->native_handle(), m_peer);
     tls->async_handshake(asio::ssl::stream_base::client,
                          onStrand([self = shared_from_this()](error_code ec) { self->onHandshake(ec); }));
 }
@@ -115,6 +136,11 @@ void Exchange::onHandshake(error_code ec)
 {
     if (interrupted(ec)) return finish(ec);
     m_connectionUp = true;
+    send();
+}
+
+void Exchange::send()
+{
     m_connection->withStream([this](auto& stream) {
         beast::http::async_write(stream, m_request,
                                  onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onWrite(ec); }));
@@ -164,10 +190,12 @@ bool Exchange::interrupted(error_code& ec) const
 void Exchange::finish(error_code ec)
 {
     if (m_finished) return;
+    if (ec && m_timedOut) ec = beast::error::timeout;
+    if (ec && retryOnNewConnection(ec)) return;
     m_finished = true;
     m_timer.cancel();
-    if (ec && m_timedOut) ec = beast::error::timeout;
     if (ec) m_connection->close();
+    else release();
 
     HttpResponse response;
     if (m_parser.is_header_done()) {
@@ -177,6 +205,29 @@ void Exchange::finish(error_code ec)
     HttpClient::Completion completion;
     completion.swap(m_completion);
     if (completion) completion(response, ec);
+}
+
+bool Exchange::retryOnNewConnection(error_code ec)
+{
+    if (!m_reused || !m_idempotent || m_parser.got_some() || m_timedOut || m_connection->closed() ||
+        ec == asio::error::operation_aborted) {
+        return false;
+    }
+    m_reused = false;
+    m_connectionUp = false;
+    m_buffer.consume(m_buffer.size());
+    m_connection->reopen();
+    connect();
+    return true;
+}
+
+void Exchange::release()
+{
+    if (auto* tls = m_connection->tls()) m_connection->tlsContext()->remember(tls->native_handle(), m_peer);
+    // Only a connection with nothing left over from this exchange can carry the next one.
+    bool const reusable = m_pool && m_request.keep_alive() && m_parser.is_done() && m_parser.keep_alive() &&
+                          m_buffer.size() == 0 && !m_connection->closed();
+    if (reusable) m_pool->give(m_connection);
 }
 
 void Exchange::armTimer(Clock::time_point deadline)

@@ -1,9 +1,11 @@
-// One HTTP request and its response over a fresh connection: resolve (names only), connect,
-// TLS handshake, write, read, one stage per handler. It keeps itself alive through its
-// handlers, so it finishes (and calls its completion once) even when its client is gone.
+// One HTTP request and its response: over a reused connection, write and read; over a new one,
+// resolve (names only), connect and TLS handshake first; one stage per handler. Afterwards the
+// connection goes back to the pool when the answer allows it. It keeps itself alive through
+// its handlers, so it finishes (and calls its completion once) even when its client is gone.
 #pragma once
 
 #include <platform/net/http/Connection.h>
+#include <platform/net/http/ConnectionPool.h>
 #include <platform/net/http/HttpClient.h>
 
 #include <boost/asio/bind_executor.hpp>
@@ -19,8 +21,10 @@ namespace tavix::net::http {
 
 class Exchange : public std::enable_shared_from_this<Exchange> {
 public:
-    Exchange(std::shared_ptr<Connection> connection, HttpRequest const& request, ClientOptions const& options,
-             HttpClient::Completion completion);
+    // `reused`: `connection` came from the pool, already connected. `pool` null: the connection
+    // is not to be kept (reuse is off).
+    Exchange(std::shared_ptr<Connection> connection, bool reused, ConnectionPool* pool, HttpRequest const& request,
+             ClientOptions const& options, HttpClient::Completion completion);
 
     // Runs on the connection's strand; may be called from any thread.
     void start();
@@ -29,6 +33,8 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void begin();
+    void connect();
+    void send();
     void connectTo(boost::asio::ip::tcp::endpoint const& endpoint);
     void onResolve(boost::system::error_code ec, boost::asio::ip::tcp::resolver::results_type endpoints);
     void onConnect(boost::system::error_code ec);
@@ -39,6 +45,10 @@ private:
     // A stage that completed after a time-out or a close still ends the exchange with an error.
     bool interrupted(boost::system::error_code& ec) const;
     void finish(boost::system::error_code ec);
+    // A reused connection that failed before any byte of the answer had most likely been closed
+    // by the server while idle: an idempotent request goes once more over a new connection.
+    bool retryOnNewConnection(boost::system::error_code ec);
+    void release();
 
     template <class Handler>
     auto onStrand(Handler&& handler)
@@ -50,8 +60,12 @@ private:
     void onTimer(boost::system::error_code ec);
 
     std::shared_ptr<Connection> m_connection;
+    bool m_reused;
+    ConnectionPool* m_pool;
+    bool m_idempotent;
     std::string m_host;
     unsigned short m_port;
+    std::string m_peer;  // "host:port", whose TLS session is resumed
     ClientOptions m_options;
     HttpClient::Completion m_completion;
     boost::beast::http::request<boost::beast::http::string_body> m_request;

@@ -4,12 +4,14 @@
 
 #include <platform/controller/Settings.h>
 #include <platform/net/http/Connection.h>
+#include <platform/net/http/ConnectionPool.h>
 #include <platform/net/http/Exchange.h>
 #include <platform/net/http/TlsContextCache.h>
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
 
+#include <cstdint>
 #include <mutex>
 
 namespace tavix::net::http {
@@ -22,24 +24,40 @@ namespace {
 std::mutex s_defaultsMutex;
 ClientOptions s_defaults;
 
-// Checks the URL and the header fields and, for https, gets the shared TLS context of the
-// current settings.
-std::shared_ptr<asio::ssl::context> prepare(HttpRequest const& request, error_code& ec)
+// What an exchange needs besides the request: the TLS context of the current settings (https
+// only), whether connections may be reused, and the route a reusable connection serves.
+struct Route {
+    std::shared_ptr<TlsClientContext> tls;
+    bool reuse = true;
+    std::string name;
+};
+
+// Checks the URL and the header fields and reads the settings (a re-provisioned device needs
+// no restart).
+Route prepare(HttpRequest const& request, error_code& ec)
 {
+    Route route;
     Url const& url = request.url();
     if (!url.isValid() || url.host().empty() || request.hasRefusedField()) {
         ec = make_error_code(boost::system::errc::invalid_argument);
-        return nullptr;
+        return route;
     }
-    if (url.scheme() == "http") return nullptr;
-    if (url.scheme() != "https") {
+    if (url.scheme() != "http" && url.scheme() != "https") {
         ec = make_error_code(boost::system::errc::protocol_not_supported);
-        return nullptr;
+        return route;
     }
-    // Read at each use: a re-provisioned device needs no restart.
     auto const settings = controller::Settings::load(ec);
-    if (ec) return nullptr;
-    return sharedTlsContext(settings.caFile, settings.clientCertFile, ec);
+    // Plain http needs nothing from the settings but the reuse switch: it goes on without them,
+    // as it always has.
+    if (ec && url.scheme() == "http") ec = {};
+    if (ec) return route;
+    route.reuse = settings.connectionReuse;
+    if (url.scheme() == "https") route.tls = sharedTlsContext(settings.caFile, settings.clientCertFile, ec);
+    // A new TLS context (changed settings) is a new route: its connections are never mixed up
+    // with those made under the old one, which it cannot share an address with while they live.
+    route.name = url.scheme() + "://" + url.host() + ":" + std::to_string(url.port()) + "/" +
+                 std::to_string(reinterpret_cast<std::uintptr_t>(route.tls.get()));
+    return route;
 }
 
 } // namespace
@@ -54,6 +72,7 @@ struct HttpClient::State {
     ClientOptions options;
     std::mutex mutex;
     std::shared_ptr<Connection> connection;  // of the last exchange
+    std::uint64_t lease = 0;                 // the connection's lease when that exchange took it
 };
 
 HttpClient::HttpClient(asio::io_context& io, Completion completion)
@@ -69,7 +88,7 @@ HttpClient::~HttpClient() = default;
 error_code HttpClient::asyncRequest(HttpRequest const& request)
 {
     error_code ec;
-    std::shared_ptr<asio::ssl::context> tls = prepare(request, ec);
+    Route route = prepare(request, ec);
     if (ec) {
         // Reported to the completion too: a caller that only waits for the callback (some
         // clients drop this result by design) must not wait forever.
@@ -77,24 +96,32 @@ error_code HttpClient::asyncRequest(HttpRequest const& request)
         return ec;
     }
 
-    auto connection = std::make_shared<Connection>(m_state->io, std::move(tls));
+    ConnectionPool* const pool = route.reuse ? &asio::use_service<ConnectionPool>(m_state->io) : nullptr;
+    std::shared_ptr<Connection> connection = pool ? pool->take(route.name) : nullptr;
+    bool const reused = connection != nullptr;
+    if (!reused) connection = std::make_shared<Connection>(m_state->io, std::move(route.tls), route.name);
     {
         std::lock_guard<std::mutex> lock(m_state->mutex);
         m_state->connection = connection;
+        m_state->lease = connection->lease();
     }
-    std::make_shared<Exchange>(std::move(connection), request, m_state->options, m_state->completion)->start();
+    std::make_shared<Exchange>(std::move(connection), reused, pool, request, m_state->options, m_state->completion)
+        ->start();
     return {};
 }
 
 void HttpClient::close(bool force)
 {
     std::shared_ptr<Connection> connection;
+    std::uint64_t lease;
     {
         std::lock_guard<std::mutex> lock(m_state->mutex);
         connection.swap(m_state->connection);
+        lease = m_state->lease;
     }
     if (!connection) return;
-    asio::dispatch(connection->strand(), [connection, force] {
+    asio::dispatch(connection->strand(), [connection, lease, force] {
+        if (connection->lease() != lease) return;
         if (force) connection->close();
         else connection->shutdown();
     });
@@ -110,6 +137,11 @@ ClientOptions HttpClient::defaultOptions()
 {
     std::lock_guard<std::mutex> lock(s_defaultsMutex);
     return s_defaults;
+}
+
+void HttpClient::setPoolLimits(PoolLimits const& limits)
+{
+    ConnectionPool::setLimits(limits);
 }
 
 } // namespace tavix::net::http

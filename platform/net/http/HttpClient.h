@@ -2,6 +2,15 @@
 // Each started exchange ends in exactly one call of the completion, on a thread that runs
 // the io_context; connect and exchange time-outs and a body size limit keep a broken or
 // hostile peer from hanging or exhausting the caller.
+//
+// Connections are kept alive and reused: after a complete exchange whose answer allows it, the
+// connection waits in its io_context's pool for the next client object's exchange to the same
+// scheme, host and port made under the same TLS settings (CA bundle, client certificate). A
+// connection found closed is not used; an idempotent request (GET, HEAD, PUT, DELETE, OPTIONS,
+// TRACE) that fails on a reused connection before any byte of its answer is sent once more on a
+// new one, any other request fails. New TLS connections resume the peer's last session. The
+// controller setting `connection_reuse = false` turns reuse off ("Connection: close" on every
+// request).
 #pragma once
 
 #include <platform/Export.h>
@@ -23,6 +32,13 @@ struct ClientOptions {
     std::size_t maxBodySize = 16 * 1024 * 1024;        // a larger response body is an error
 };
 
+// The pool's bounds, for every io_context of the process.
+struct PoolLimits {
+    std::size_t perRoute = 4;                      // idle connections to one scheme, host and port
+    std::size_t total = 16;                        // idle connections in all
+    std::chrono::milliseconds idleTimeout{4000};   // below the common servers' keep-alive time-outs
+};
+
 class TAVIX_EXPORT HttpClient {
 public:
     using Completion = boost::function<void(HttpResponse const&, boost::system::error_code const&)>;
@@ -39,12 +55,15 @@ public:
     // one completion: a refused start is reported there too, with the same error.
     boost::system::error_code asyncRequest(HttpRequest const& request);
 
-    // Ends the connection of the last exchange; `force` shuts the socket down at once.
+    // Ends the connection of an exchange in flight; `force` shuts the socket down at once.
+    // A connection whose exchange is complete has gone back to the pool, or was closed, and is
+    // left alone.
     void close(bool force);
 
     // Options given to clients constructed without their own.
     static void setDefaultOptions(ClientOptions const& options);
     static ClientOptions defaultOptions();
+    static void setPoolLimits(PoolLimits const& limits);
 
 private:
     struct State;

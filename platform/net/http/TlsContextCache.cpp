@@ -36,9 +36,14 @@ struct FileStamp {
     }
 };
 
-std::shared_ptr<ssl::context> build(std::string const& caFile, std::string const& clientCertFile, error_code& ec)
+// A device talks to a handful of services: more peers than this means something is off, and
+// forgetting them all costs only full handshakes.
+constexpr std::size_t maxSessions = 64;
+
+std::shared_ptr<TlsClientContext> build(std::string const& caFile, std::string const& clientCertFile, error_code& ec)
 {
-    auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
+    auto client = std::make_shared<TlsClientContext>();
+    ssl::context* context = &client->context();
     context->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3 |
                              ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1,
                          ec);
@@ -49,16 +54,36 @@ std::shared_ptr<ssl::context> build(std::string const& caFile, std::string const
         if (!ec) context->use_private_key_file(clientCertFile, ssl::context::pem, ec);
     }
     if (ec) return nullptr;
-    return context;
+    return client;
 }
 
 } // namespace
 
-std::shared_ptr<ssl::context> sharedTlsContext(std::string const& caFile, std::string const& clientCertFile,
-                                               error_code& ec)
+void TlsClientContext::resume(SSL* ssl, std::string const& peer)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto const found = m_sessions.find(peer);
+    if (found != m_sessions.end()) SSL_set_session(ssl, found->second.get());
+}
+
+void TlsClientContext::remember(SSL* ssl, std::string const& peer)
+{
+    SSL_SESSION* const current = SSL_get_session(ssl);
+    if (!current || !SSL_SESSION_is_resumable(current)) return;
+    // A copy: OpenSSL marks the connection's own session not resumable when the connection ends
+    // without a TLS shutdown, as a forced close does.
+    Session session(SSL_SESSION_dup(current));
+    if (!session) return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_sessions.size() >= maxSessions && m_sessions.find(peer) == m_sessions.end()) m_sessions.clear();
+    m_sessions[peer] = std::move(session);
+}
+
+std::shared_ptr<TlsClientContext> sharedTlsContext(std::string const& caFile, std::string const& clientCertFile,
+                                                   error_code& ec)
 {
     static std::mutex mutex;
-    static std::shared_ptr<ssl::context> cached;
+    static std::shared_ptr<TlsClientContext> cached;
     static FileStamp cachedCa{""}, cachedCert{""};
 
     FileStamp const ca(caFile), cert(clientCertFile);

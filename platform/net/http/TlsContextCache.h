@@ -1,20 +1,48 @@
 // The client TLS context shared by every HTTPS connection of the process. Building one parses
 // the whole CA bundle, far too slow to do per connection, so it is built once and rebuilt
-// only when the CA bundle or the client certificate named in the settings changes.
+// only when the CA bundle or the client certificate named in the settings changes. It also
+// keeps the last TLS session of each peer, so that a new connection to a peer seen before costs
+// an abbreviated handshake; sessions die with their context, so changed TLS settings never
+// resume a session made under the old ones.
 #pragma once
 
 #include <boost/asio/ssl/context.hpp>
 #include <boost/system/error_code.hpp>
 
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace tavix::net::http {
 
+class TlsClientContext {
+public:
+    TlsClientContext() : m_context(boost::asio::ssl::context::tls_client) {}
+    TlsClientContext(TlsClientContext const&) = delete;
+    TlsClientContext& operator=(TlsClientContext const&) = delete;
+
+    boost::asio::ssl::context& context() { return m_context; }
+
+    // Before the handshake: offers the session last remembered for `peer` ("host:port").
+    void resume(SSL* ssl, std::string const& peer);
+    // After a complete exchange (in TLS 1.3 the server's tickets arrive after the handshake).
+    void remember(SSL* ssl, std::string const& peer);
+
+private:
+    struct SessionFree {
+        void operator()(SSL_SESSION* session) const { SSL_SESSION_free(session); }
+    };
+    using Session = std::unique_ptr<SSL_SESSION, SessionFree>;
+
+    boost::asio::ssl::context m_context;
+    std::mutex m_mutex;
+    std::map<std::string, Session> m_sessions;
+};
+
 // `caFile` empty: the system's default CA paths. `clientCertFile` empty: no client certificate;
 // otherwise one PEM holding the certificate (chain) and its key.
-std::shared_ptr<boost::asio::ssl::context> sharedTlsContext(std::string const& caFile,
-                                                            std::string const& clientCertFile,
-                                                            boost::system::error_code& ec);
+std::shared_ptr<TlsClientContext> sharedTlsContext(std::string const& caFile, std::string const& clientCertFile,
+                                                   boost::system::error_code& ec);
 
 } // namespace tavix::net::http
