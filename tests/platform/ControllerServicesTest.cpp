@@ -2,16 +2,12 @@
 #include <platform/controller/OAuthHelper.h>
 #include <platform/controller/ServiceSettings.h>
 #include <platform/controller/Settings.h>
-#include <platform/net/http/HttpClient.h>
 
 #include <tests/support/ScopedControllerConfig.h>
-#include <tests/support/TestCerts.h>
-#include <tools/emulator/CloudEmulator.h>
 #include <tools/emulator/HttpServer.h>
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core/error.hpp>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -25,8 +21,8 @@ using testing::ScopedControllerConfig;
 
 class AuthenticationTest : public ::testing::Test {
 protected:
-    explicit AuthenticationTest(std::optional<emulator::TlsFiles> tls = std::nullopt)
-        : server([this](emulator::Request const&) { return answer(); }, tls)
+    AuthenticationTest()
+        : server([this](emulator::Request const&) { return answer(); })
         , config("auth_url = " + server.baseUrl() + "/oauth/token\n")
     {
         OAuthHelper::Instance().RemoveAuthToken(key);
@@ -135,16 +131,6 @@ TEST_F(AuthenticationTest, TransportAndSettingsFailuresAreTheirOwnCodeAndText)
     EXPECT_EQ(authenticate(), ECONNREFUSED);
     EXPECT_EQ(message, make_error_code(boost::asio::error::connection_refused).message());
 
-    // Bounded by the client's time-outs.
-    config.write("auth_url = " + server.baseUrl() + "/oauth/token\n");
-    net::http::ClientOptions const saved = net::http::HttpClient::defaultOptions();
-    net::http::ClientOptions quick = saved;
-    quick.exchangeTimeout = std::chrono::milliseconds(300);
-    net::http::HttpClient::setDefaultOptions(quick);
-    server.pushFault(emulator::Fault::neverAnswer());
-    EXPECT_EQ(authenticate(), int(boost::beast::error::timeout));
-    net::http::HttpClient::setDefaultOptions(saved);
-
     struct Case {
         std::string settings;
         int code;
@@ -161,65 +147,6 @@ TEST_F(AuthenticationTest, TransportAndSettingsFailuresAreTheirOwnCodeAndText)
         EXPECT_NE(code, 0) << c.settings;
         EXPECT_NE(message.find(c.inMessage), std::string::npos) << message;
     }
-    EXPECT_FALSE(OAuthHelper::Instance().GetAuthToken(key));
-}
-
-// Against the emulator's token endpoint: what it hands out, its services accept.
-TEST(EmulatorAuthenticationTest, TheStoredTokenIsAcceptedAndARefusalIsReported)
-{
-    emulator::CloudEmulator cloud;
-    ScopedControllerConfig config("auth_url = " + cloud.tokenUrl() + "\n");
-    std::string message;
-    ASSERT_EQ(AuthenticationServiceClient::AuthenticateController("emulated-key", message), 0) << message;
-    AuthTokenPtr const token = OAuthHelper::Instance().GetAuthToken("emulated-key");
-    ASSERT_TRUE(token);
-    EXPECT_EQ(token->GetDuration(), cloud.config().tokenLifetime.count());
-
-    boost::asio::io_context io;
-    unsigned status = 0;
-    net::http::HttpClient client(io, [&](net::http::HttpResponse const& r, boost::system::error_code const&) {
-        status = r.status();
-    });
-    net::http::HttpRequest request;
-    boost::system::error_code ec;
-    request.url(net::http::Url::createUrl(cloud.accountUrl() + "/v1/rest/accounts/current", ec));
-    request.setField("Authorization", "Bearer " + token->GetToken());
-    client.asyncRequest(request);
-    io.run();
-    EXPECT_EQ(status, 200u);
-
-    cloud.scriptReply({401, R"({"error":"invalid_client"})", "application/json", "oauth/token"});
-    EXPECT_EQ(AuthenticationServiceClient::AuthenticateController("emulated-key", message), 401);
-    EXPECT_EQ(message, "invalid_client");
-    EXPECT_EQ(cloud.tokenRequests(), 2u);
-}
-
-class HttpsAuthenticationTest : public AuthenticationTest {
-protected:
-    HttpsAuthenticationTest()
-        : AuthenticationTest(serverFiles())
-    {}
-
-    static emulator::TlsFiles serverFiles()
-    {
-        emulator::TlsFiles files = testing::certs::trustedServer();
-        files.clientCa = testing::certs::ca();
-        files.requireClientCertificate = true;
-        return files;
-    }
-};
-
-TEST_F(HttpsAuthenticationTest, PresentsTheConfiguredClientCertificate)
-{
-    std::string const url = "auth_url = " + server.baseUrl() + "/oauth/token\nca_file = " + testing::certs::ca() + "\n";
-    config.write(url + "client_cert_file = " + testing::certs::client() + "\n");
-    ASSERT_EQ(authenticate(), 0) << message;
-    EXPECT_EQ(server.lastRequest()->clientCommonName, "restclient test client");
-    EXPECT_EQ(OAuthHelper::Instance().GetAuthToken(key)->GetToken(), "tok-1");
-
-    OAuthHelper::Instance().RemoveAuthToken(key);
-    config.write(url);
-    EXPECT_NE(authenticate(), 0) << "the server requires a client certificate";
     EXPECT_FALSE(OAuthHelper::Instance().GetAuthToken(key));
 }
 
