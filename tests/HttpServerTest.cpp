@@ -1,10 +1,6 @@
 #include <tests/emulator/EmulatorCalls.h>
 #include <tools/emulator/HttpServer.h>
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
 #include <boost/filesystem.hpp>
 
 #include <gtest/gtest.h>
@@ -16,24 +12,14 @@
 namespace tavix::emulator {
 namespace {
 
-namespace asio = boost::asio;
-using asio::ip::tcp;
 using namespace std::chrono_literals;
-
-tcp::endpoint local(unsigned short port) { return {asio::ip::make_address("127.0.0.1"), port}; }
 
 // Sends `bytes` on a fresh connection; what came back before the server closed ("" if it never did).
 std::string sendRaw(unsigned short port, std::string const& bytes)
 {
-    asio::io_context io;
-    tcp::socket socket(io);
-    socket.connect(local(port));
-    std::string reply;
-    bool closed = false;
-    asio::async_write(socket, asio::buffer(bytes), [](boost::system::error_code, std::size_t) {});
-    asio::async_read(socket, asio::dynamic_buffer(reply), [&](boost::system::error_code ec, std::size_t) { closed = ec == asio::error::eof; });
-    io.run_for(5s);
-    return closed ? reply : "";
+    calls::RawConnection connection(port);
+    connection.send(bytes);
+    return connection.rest();
 }
 
 class HttpServerTest : public ::testing::Test {
@@ -84,8 +70,7 @@ TEST_F(HttpServerTest, MalformedOrOversizedRequestsAreRefusedAndTheServerCarries
              {"PUT / HTTP/1.1\r\nContent-Length: 4\r\nConnection: close\r\n\r\n1234", "HTTP/1.1 200"},
          })
         EXPECT_EQ(sendRaw(server.port(), bytes).rfind(status, 0), 0u) << bytes;
-    asio::io_context io;  // a client that connects and leaves at once
-    tcp::socket(io).connect(local(server.port()));
+    calls::RawConnection{server.port()};  // a client that connects and leaves at once
     EXPECT_NE(sendRaw(server.port(), get).find("got 0"), std::string::npos);
 }
 
@@ -116,11 +101,8 @@ TEST(HttpServerLifetime, TheDestructorReturnsWithSilentConnectionsOpen)
 {
     auto server = std::make_unique<HttpServer>([](Request const&) { return Response(); });
     server->pushFault(Fault::neverAnswer());
-    asio::io_context io;
-    tcp::socket idle(io), waiting(io);
-    idle.connect(local(server->port()));
-    waiting.connect(local(server->port()));
-    asio::write(waiting, asio::buffer(std::string("GET / HTTP/1.1\r\n\r\n")));
+    calls::RawConnection idle(server->port()), waiting(server->port());
+    waiting.send("GET / HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(calls::eventually([&] { return !server->requests().empty(); }));
 
     auto stopped = std::async(std::launch::async, [&] { server.reset(); });

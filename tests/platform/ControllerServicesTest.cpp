@@ -4,7 +4,7 @@
 #include <platform/controller/Settings.h>
 
 #include <tests/support/ScopedControllerConfig.h>
-#include <tools/emulator/HttpServer.h>
+#include <tools/emulator/CloudEmulator.h>
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -12,27 +12,16 @@
 
 #include <cerrno>
 #include <ctime>
-#include <mutex>
 
 namespace tavix::controller {
 namespace {
 
 using testing::ScopedControllerConfig;
 
+// Against the emulator's token endpoint, with the answers a test scripts.
 class AuthenticationTest : public ::testing::Test {
 protected:
-    AuthenticationTest()
-        : server([this](emulator::Request const&) { return answer(); })
-        , config("auth_url = " + server.baseUrl() + "/oauth/token\n")
-    {
-        OAuthHelper::Instance().RemoveAuthToken(key);
-    }
-
-    void reply(unsigned status, std::string body)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_status = status, m_body = std::move(body);
-    }
+    AuthenticationTest() { OAuthHelper::Instance().RemoveAuthToken(key); }
 
     int authenticate(std::string const& appKey = "device-key")
     {
@@ -41,29 +30,9 @@ protected:
     }
 
     std::string const key = "device-key";
-
-private:
-    // Before the server, whose thread reads them.
-    std::mutex m_mutex;
-    unsigned m_status = 200;
-    std::string m_body = R"({"access_token":"tok-1","token_type":"Bearer","expires_in":3600,"scope":"upload"})";
-
-protected:
-    emulator::HttpServer server;
-    ScopedControllerConfig config;
+    emulator::CloudEmulator cloud;
+    ScopedControllerConfig config{"auth_url = " + cloud.tokenUrl() + "\n"};
     std::string message;
-
-private:
-    emulator::Response answer()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        emulator::Response response;
-        response.result(m_status);
-        response.set(boost::beast::http::field::content_type, "application/json");
-        response.body() = m_body;
-        response.prepare_payload();
-        return response;
-    }
 };
 
 TEST_F(AuthenticationTest, PostsTheClientCredentialsFormAndStoresTheToken)
@@ -72,15 +41,15 @@ TEST_F(AuthenticationTest, PostsTheClientCredentialsFormAndStoresTheToken)
     OAuthHelper::Instance().SetAuthToken(oddKey, "old", "Bearer", "", 1, 1);
     AuthTokenPtr const held = OAuthHelper::Instance().GetAuthToken(oddKey);
     std::time_t const before = std::time(nullptr);
+    cloud.replyNext(200, R"({"access_token":"tok-1","token_type":"Bearer","expires_in":3600,"scope":"upload"})");
     ASSERT_EQ(authenticate(oddKey), 0) << message;
     EXPECT_EQ(message, "");
 
-    auto const seen = server.lastRequest();
-    ASSERT_TRUE(seen);
-    EXPECT_EQ(seen->requestLine, "POST /oauth/token HTTP/1.1");
-    EXPECT_EQ(seen->header("Content-Type"), "application/x-www-form-urlencoded");
-    EXPECT_EQ(seen->header("Accept"), "application/json");
-    EXPECT_EQ(seen->body, "grant_type=client_credentials&client_id=key%20%2F%26%3D%2B%C3%A9");
+    auto const seen = cloud.serviceRequests().back();
+    EXPECT_EQ(seen.requestLine, "POST /oauth/token HTTP/1.1");
+    EXPECT_EQ(seen.header("Content-Type"), "application/x-www-form-urlencoded");
+    EXPECT_EQ(seen.header("Accept"), "application/json");
+    EXPECT_EQ(seen.body, "grant_type=client_credentials&client_id=key%20%2F%26%3D%2B%C3%A9");
 
     // Overwritten in place: a handle taken before sees the new token.
     EXPECT_EQ(OAuthHelper::Instance().GetAuthToken(oddKey), held);
@@ -115,7 +84,7 @@ TEST_F(AuthenticationTest, ARefusalOrAMalformedTokenAnswerIsTheStatusAndATextWit
              {200, R"({"access_token":"secret","token_type":"Bearer","expires_in":-1})",
               "malformed token answer: expires_in is not a non-negative whole number"},
          }) {
-        reply(c.status, c.body);
+        cloud.replyNext(c.status, c.body);
         EXPECT_EQ(authenticate(), int(c.status)) << c.body;
         EXPECT_EQ(message, c.message);
         EXPECT_FALSE(OAuthHelper::Instance().GetAuthToken(key)) << c.body;
