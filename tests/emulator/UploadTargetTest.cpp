@@ -1,6 +1,7 @@
 #include <tests/emulator/EmulatorCalls.h>
 #include <tools/emulator/CloudEmulator.h>
 
+#include <boost/algorithm/hex.hpp>
 #include <boost/filesystem/operations.hpp>
 
 #include <gtest/gtest.h>
@@ -31,10 +32,7 @@ std::string md5Of(std::string const& bytes)
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_md5(), nullptr);
-    std::string hex;
-    for (unsigned int i = 0; i < length; ++i)
-        hex += "0123456789abcdef"[digest[i] >> 4], hex += "0123456789abcdef"[digest[i] & 0xf];
-    return hex;
+    return boost::algorithm::hex_lower(std::string(reinterpret_cast<char const*>(digest), length));
 }
 
 // Creates an object (with "_md5checksum" when given) and returns its pre-signed upload URL.
