@@ -9,22 +9,14 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 namespace tavix::emulator {
 namespace {
 
 using namespace calls;
 using boost::beast::http::verb;
 using testing::ChildProcess;
+using testing::fileText;
 namespace fs = boost::filesystem;
-
-std::string slurp(fs::path const& file)
-{
-    std::ostringstream text;
-    text << std::ifstream(file.string()).rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> program(std::vector<std::string> args)
 {
@@ -49,23 +41,23 @@ std::string baseUrl(ChildProcess& emulator)
 TEST(EmulatorProgram, MakesItsCertificatesWritesTheDeviceSettingsAndKeepsItsDataAcrossRestarts)
 {
     fs::path const data = fs::temp_directory_path() / fs::unique_path("emu-data-%%%%%%");
-    fs::path const settingsFile = data.string() + ".conf";
+    std::string const settingsFile = data.string() + ".conf";
     std::vector<std::string> const args = program({"--make-certs", "--require-client-cert", "--data-dir",
-                                                   data.string(), "--write-settings", settingsFile.string()});
+                                                   data.string(), "--write-settings", settingsFile});
     std::string ca;
     {
         ChildProcess emulator(args);
         std::string const base = baseUrl(emulator);
         ASSERT_EQ(base.rfind("https://127.0.0.1:", 0), 0u) << emulator.out() << emulator.err();
         boost::system::error_code ec;
-        std::string const text = slurp(settingsFile);
+        std::string const text = fileText(settingsFile);
         controller::Settings const settings = controller::Settings::parse(text, ec);
         ASSERT_FALSE(ec) << text;
         EXPECT_EQ(settings.locatorUrl, base + "/locator/rest");
         EXPECT_EQ(settings.authUrl, base + "/oauth/token");
         EXPECT_EQ(settings.caFile, (data / "certs" / "ca.pem").string());
         EXPECT_EQ(settings.clientCertFile, (data / "certs" / "client.pem").string());
-        ca = slurp(settings.caFile);
+        ca = fileText(settings.caFile);
 
         testing::ScopedControllerConfig device(text);
         Reply const token = exchange(verb::post, settings.authUrl, "grant_type=client_credentials&client_id=dev",
@@ -84,8 +76,8 @@ TEST(EmulatorProgram, MakesItsCertificatesWritesTheDeviceSettingsAndKeepsItsData
         ChildProcess restarted(args);
         std::string const base = baseUrl(restarted);
         ASSERT_FALSE(base.empty()) << restarted.err();
-        EXPECT_EQ(slurp(data / "certs" / "ca.pem"), ca) << "devices keep trusting its CA";
-        testing::ScopedControllerConfig device(slurp(settingsFile));
+        EXPECT_EQ(fileText((data / "certs" / "ca.pem").string()), ca) << "devices keep trusting its CA";
+        testing::ScopedControllerConfig device(fileText(settingsFile));
         Reply const objects = exchange(verb::get, base + "/storage/v1/accounts", {}, bearer(kDefaultToken));
         ASSERT_EQ(objects.json["resource"].size(), 1u) << objects.body;
         EXPECT_EQ(objects.json["resource"][0]["contentLength"], 10);

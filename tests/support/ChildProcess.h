@@ -19,6 +19,14 @@ extern char** environ;
 
 namespace tavix::testing {
 
+// The whole of a file ("" when it cannot be read).
+inline std::string fileText(std::string const& path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
 class ChildProcess {
 public:
     // args[0] is the program's path.
@@ -43,8 +51,8 @@ public:
         boost::filesystem::remove(m_out, ignored), boost::filesystem::remove(m_err, ignored);
     }
 
-    std::string out() const { return slurp(m_out); }
-    std::string err() const { return slurp(m_err); }
+    std::string out() const { return fileText(m_out); }
+    std::string err() const { return fileText(m_err); }
     // Whether it has ended, without waiting.
     bool exited()
     {
@@ -67,12 +75,6 @@ private:
     static std::string temporary(char const* pattern)
     {
         return (boost::filesystem::temp_directory_path() / boost::filesystem::unique_path(pattern)).string();
-    }
-    static std::string slurp(std::string const& file)
-    {
-        std::ostringstream text;
-        text << std::ifstream(file).rdbuf();
-        return text.str();
     }
 
     std::string const m_out = temporary("child-out-%%%%%%"), m_err = temporary("child-err-%%%%%%");
