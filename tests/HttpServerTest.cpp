@@ -1,10 +1,6 @@
+#include <tests/emulator/EmulatorCalls.h>
 #include <tools/emulator/HttpServer.h>
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/read_until.hpp>
-#include <boost/asio/write.hpp>
 #include <boost/filesystem.hpp>
 
 #include <gtest/gtest.h>
@@ -12,29 +8,18 @@
 #include <fstream>
 #include <future>
 #include <iterator>
-#include <thread>
 
 namespace tavix::emulator {
 namespace {
 
-namespace asio = boost::asio;
-using asio::ip::tcp;
 using namespace std::chrono_literals;
-
-tcp::endpoint local(unsigned short port) { return {asio::ip::make_address("127.0.0.1"), port}; }
 
 // Sends `bytes` on a fresh connection; what came back before the server closed ("" if it never did).
 std::string sendRaw(unsigned short port, std::string const& bytes)
 {
-    asio::io_context io;
-    tcp::socket socket(io);
-    socket.connect(local(port));
-    std::string reply;
-    bool closed = false;
-    asio::async_write(socket, asio::buffer(bytes), [](boost::system::error_code, std::size_t) {});
-    asio::async_read(socket, asio::dynamic_buffer(reply), [&](boost::system::error_code ec, std::size_t) { closed = ec == asio::error::eof; });
-    io.run_for(5s);
-    return closed ? reply : "";
+    calls::RawConnection connection(port);
+    connection.send(bytes);
+    return connection.rest();
 }
 
 class HttpServerTest : public ::testing::Test {
@@ -85,8 +70,7 @@ TEST_F(HttpServerTest, MalformedOrOversizedRequestsAreRefusedAndTheServerCarries
              {"PUT / HTTP/1.1\r\nContent-Length: 4\r\nConnection: close\r\n\r\n1234", "HTTP/1.1 200"},
          })
         EXPECT_EQ(sendRaw(server.port(), bytes).rfind(status, 0), 0u) << bytes;
-    asio::io_context io;  // a client that connects and leaves at once
-    tcp::socket(io).connect(local(server.port()));
+    calls::RawConnection{server.port()};  // a client that connects and leaves at once
     EXPECT_NE(sendRaw(server.port(), get).find("got 0"), std::string::npos);
 }
 
@@ -106,32 +90,20 @@ TEST_F(HttpServerTest, AChosenBodyIsStreamedIntoAFile)
 
 TEST_F(HttpServerTest, ExpectContinueIsAnsweredBeforeTheBody)
 {
-    asio::io_context io;
-    tcp::socket socket(io);
-    socket.connect(local(server.port()));
-    asio::write(socket, asio::buffer(std::string("PUT / HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 4\r\nConnection: close\r\n\r\n")));
-    std::string interim, final;
-    asio::async_read_until(socket, asio::dynamic_buffer(interim), "\r\n\r\n", [](boost::system::error_code, std::size_t) {});
-    io.run_for(5s);
-    EXPECT_EQ(interim, "HTTP/1.1 100 Continue\r\n\r\n");
-    asio::write(socket, asio::buffer(std::string("body")));
-    asio::async_read(socket, asio::dynamic_buffer(final), [](boost::system::error_code, std::size_t) {});
-    io.restart();
-    io.run_for(5s);
-    EXPECT_NE(final.find("got 4"), std::string::npos) << final;
+    calls::RawConnection connection(server.port());
+    connection.send("PUT / HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 4\r\nConnection: close\r\n\r\n");
+    EXPECT_EQ(connection.nextHead(), "HTTP/1.1 100 Continue\r\n\r\n");
+    connection.send("body");
+    EXPECT_NE(connection.rest().find("got 4"), std::string::npos);
 }
 
 TEST(HttpServerLifetime, TheDestructorReturnsWithSilentConnectionsOpen)
 {
     auto server = std::make_unique<HttpServer>([](Request const&) { return Response(); });
     server->pushFault(Fault::neverAnswer());
-    asio::io_context io;
-    tcp::socket idle(io), waiting(io);
-    idle.connect(local(server->port()));
-    waiting.connect(local(server->port()));
-    asio::write(waiting, asio::buffer(std::string("GET / HTTP/1.1\r\n\r\n")));
-    for (int i = 0; i < 500 && server->requests().empty(); ++i) std::this_thread::sleep_for(10ms);
-    ASSERT_EQ(server->requests().size(), 1u);
+    calls::RawConnection idle(server->port()), waiting(server->port());
+    waiting.send("GET / HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(calls::eventually([&] { return !server->requests().empty(); }));
 
     auto stopped = std::async(std::launch::async, [&] { server.reset(); });
     if (stopped.wait_for(10s) != std::future_status::ready) {

@@ -15,23 +15,15 @@ TEST(JsonWriter, NestedObjectsInArraysCloseBackToTheirParent)
 {
     JsonWriter writer;
     writer.startObject();
-    writer.startObject("resource");
     writer.startArray("item");
-    for (int i = 0; i < 3; ++i) {
-        writer.startObject();
-        writer.write("key", std::to_string(i));
-        writer.endObject();
-    }
+    writer.startObject();
+    writer.write<std::string>("key", "0");
+    writer.endObject();
     writer.endArray();
     writer.write<std::string>("name", "n");
     writer.endObject();
-    writer.endObject();
-
     EXPECT_TRUE(writer.ok());
-    Json::Value const doc = json(writer.str(true));
-    ASSERT_EQ(doc["resource"]["item"].size(), 3u);
-    EXPECT_EQ(doc["resource"]["item"][2]["key"], "2");
-    EXPECT_EQ(doc["resource"]["name"], "n");
+    EXPECT_EQ(json(writer.str(true)), json(R"({"item": [{"key": "0"}], "name": "n"})"));
 }
 
 // Debug builds assert on the misused call; otherwise it is ignored and remembered.

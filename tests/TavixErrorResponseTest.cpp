@@ -9,41 +9,36 @@ namespace {
 
 using testing::json;
 
-TEST(TavixErrorResponse, ReadsTheWrappedAndTheBareForm)
+TEST(TavixErrorResponse, ReadsTheWrappedOrTheBareFormIgnoringMistypedMembers)
 {
-    for (char const* body : {R"({"TavixErrorResponse": {"code": 401, "subCode": 3, "message": "expired"}})",
-                             R"({"code": 401, "subCode": 3, "message": "expired", "extra": [1]})"}) {
+    struct Case {
+        char const* body;
+        unsigned code, subCode;
+        char const* message;
+    };
+    for (Case const& c : {
+             Case{R"({"TavixErrorResponse": {"code": 401, "subCode": 3, "message": "expired"}})", 401, 3, "expired"},
+             Case{R"({"code": 401, "subCode": 3, "message": "expired", "extra": [1]})", 401, 3, "expired"},
+             Case{R"({"TavixErrorResponse": {}, "code": 9})", 0, 0, ""},  // the wrapper hides its siblings
+             Case{R"({"code": "401", "subCode": -2, "details": 5, "message": ["x"]})", 0, 0, ""},
+         }) {
         TavixErrorResponse error;
-        error.handleResponse(json(body));
-        EXPECT_EQ(error.code.value, 401u) << body;
-        EXPECT_EQ(error.subCode.value, 3u) << body;
-        EXPECT_EQ(error.message.value, "expired") << body;
-        EXPECT_EQ(error.details.value, "") << body;
+        error.handleResponse(json(c.body));
+        EXPECT_EQ(error.code.value, c.code) << c.body;
+        EXPECT_EQ(error.subCode.value, c.subCode) << c.body;
+        EXPECT_EQ(error.message.value, c.message) << c.body;
+        EXPECT_EQ(error.details.value, "") << c.body;
     }
-}
-
-TEST(TavixErrorResponse, TheWrapperHidesItsSiblingsAndMistypedMembersAreIgnored)
-{
-    TavixErrorResponse wrapped;
-    wrapped.handleResponse(json(R"({"TavixErrorResponse": {}, "code": 9})"));
-    EXPECT_EQ(wrapped.code.value, 0u);
-
-    TavixErrorResponse mistyped;
-    mistyped.handleResponse(json(R"({"code": "401", "subCode": -2, "details": 5})"));
-    EXPECT_EQ(mistyped.code.value, 0u);
-    EXPECT_EQ(mistyped.subCode.value, 0u);
-    EXPECT_EQ(mistyped.details.value, "");
 }
 
 TEST(BasicErrorResponse, ReadsOnlyATopLevelStringMessage)
 {
-    BasicErrorResponse plain;
-    plain.handleResponse(json(R"({"message": "no location"})"));
-    EXPECT_EQ(plain.message.value, "no location");
-
-    BasicErrorResponse nested;
-    nested.handleResponse(json(R"({"error": {"message": "x"}})"));
-    EXPECT_EQ(nested.message.value, "");
+    for (auto const& [body, message] : std::vector<std::pair<char const*, char const*>>{
+             {R"({"message": "no location"})", "no location"}, {R"({"error": {"message": "x"}})", ""}}) {
+        BasicErrorResponse error;
+        error.handleResponse(json(body));
+        EXPECT_EQ(error.message.value, message) << body;
+    }
 }
 
 } // namespace

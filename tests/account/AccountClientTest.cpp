@@ -45,22 +45,6 @@ TEST_F(AccountClientTest, GetsTheCurrentAccountAtThePathSplitUrlCut)
     auto const request = onlyRequest();
     EXPECT_EQ(request.requestLine, "GET //account/v1/rest/accounts/accounts/current HTTP/1.1");
     expectJsonHeaders(request, "Bearer " + token);
-    EXPECT_EQ(request.header("Content-Length"), std::nullopt);
-}
-
-TEST_F(AccountClientTest, ReportsTheWrappedErrorWithItsStatus)
-{
-    cloud.replyNext(503, R"({"TavixErrorResponse": {"code": 503, "subCode": 2, "message": "busy"}})");
-    Completion done;
-    AccountClient client(io, done.callback(), host, cloud.port(), token, false, "v1");
-    ASSERT_FALSE(client.getCurrent());
-    ASSERT_TRUE(done.wait(io));
-    EXPECT_EQ(done.status, 503u);
-    EXPECT_FALSE(done.ec);
-    EXPECT_EQ(done.error.code.value, 503u);
-    EXPECT_EQ(done.error.subCode.value, 2u);
-    EXPECT_EQ(done.error.message.value, "busy");
-    EXPECT_EQ(onlyRequest().target, "/v1/accounts/current");
 }
 
 TEST_F(AccountClientTest, AnUnparsableUrlIsReturnedAndNothingIsSent)
@@ -69,17 +53,6 @@ TEST_F(AccountClientTest, AnUnparsableUrlIsReturnedAndNothingIsSent)
     AccountClient client(io, done.callback(), "bad host", cloud.port(), token, false, "v1");
     EXPECT_TRUE(client.getCurrent());
     expectNothingSent(done);
-}
-
-TEST_F(AccountClientTest, ATokenThatWouldWriteAHeaderLineIsRefusedAndNothingIsSent)
-{
-    Completion done;
-    AccountClient client(io, done.callback(), host, cloud.port(), "abc\r\nX-Injected: yes", false, "v1");
-    EXPECT_EQ(client.getCurrent(), boost::system::errc::invalid_argument);
-    testing::runUntilIdle(io);
-    EXPECT_EQ(done.calls, 1);
-    EXPECT_EQ(done.ec, boost::system::errc::invalid_argument);
-    EXPECT_TRUE(cloud.serviceRequests().empty());
 }
 
 } // namespace

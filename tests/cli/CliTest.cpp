@@ -1,88 +1,54 @@
 // The command-line tool run as a subprocess against the in-process emulator: what it prints,
 // the exit status and message of each failure class, and its progress display on a pipe and
 // on a terminal.
+#include <tests/support/ChildProcess.h>
+#include <tests/support/Json.h>
 #include <tests/support/ScopedControllerConfig.h>
 #include <tools/emulator/CloudEmulator.h>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
-#include <json/reader.h>
 
 #include <fstream>
 #include <functional>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
 #include <pty.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-extern char** environ;
 
 namespace tavix::testing {
 namespace {
 
 namespace fs = boost::filesystem;
 
-// The built tool, named by the build.
-std::string toolPath() { return RESTCLIENT_TOOL; }
-
-std::vector<char*> argv(std::vector<std::string>& args)
-{
-    std::vector<char*> v;
-    for (std::string& a : args) v.push_back(a.data());
-    v.push_back(nullptr);
-    return v;
-}
-
 struct Result {
     int status = -1;
     std::string out, err;
 };
 
-std::string slurp(fs::path const& file)
-{
-    std::ostringstream text;
-    text << std::ifstream(file.string()).rdbuf();
-    return text.str();
-}
-
-// Runs the tool with stdout and stderr into files (no pipe to fill up while we wait).
+// Runs the built tool to its end.
 Result run(std::vector<std::string> args)
 {
-    args.insert(args.begin(), toolPath());
-    fs::path const out = fs::temp_directory_path() / fs::unique_path("cli-out-%%%%%%");
-    fs::path const err = fs::temp_directory_path() / fs::unique_path("cli-err-%%%%%%");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = 0;
-    Result result;
-    if (posix_spawn(&pid, args[0].c_str(), &actions, nullptr, argv(args).data(), environ) == 0) {
-        int status = 0;
-        waitpid(pid, &status, 0);
-        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    result.out = slurp(out), result.err = slurp(err);
-    fs::remove(out), fs::remove(err);
-    return result;
+    args.insert(args.begin(), RESTCLIENT_TOOL);
+    ChildProcess tool(std::move(args));
+    int const status = tool.wait();
+    return {status, tool.out(), tool.err()};
 }
 
 // Runs the tool on a pseudo-terminal; what it wrote there, stdout and stderr together.
 Result runOnTerminal(std::vector<std::string> args)
 {
-    args.insert(args.begin(), toolPath());
-    std::vector<char*> const v = argv(args);
+    args.insert(args.begin(), RESTCLIENT_TOOL);
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
     int master = -1;
     pid_t const pid = forkpty(&master, nullptr, nullptr, nullptr);
     if (pid == 0) {
-        execv(v[0], v.data());
+        execv(argv[0], argv.data());
         _exit(127);
     }
     Result result;
@@ -94,15 +60,6 @@ Result runOnTerminal(std::vector<std::string> args)
     waitpid(pid, &status, 0);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
-}
-
-Json::Value parse(std::string const& text)
-{
-    Json::Value root;
-    std::istringstream in(text);
-    std::string errors;
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors)) << text;
-    return root;
 }
 
 class CliTest : public ::testing::Test {
@@ -159,11 +116,11 @@ TEST_F(CliTest, JsonPrintsTheDecodedDocumentOrTheErrorDocument)
 {
     Result const account = tool({"--json", "account"});
     EXPECT_EQ(account.status, 0);
-    EXPECT_EQ(parse(account.out)["storageURL"].asString(), cloud.storageUrl());
+    EXPECT_EQ(json(account.out)["storageURL"].asString(), cloud.storageUrl());
 
     Result const missing = tool({"locate", "NOPE", "--json"});
     EXPECT_EQ(missing.status, 4);
-    Json::Value const error = parse(missing.out);
+    Json::Value const error = json(missing.out);
     EXPECT_EQ(error["code"].asUInt(), 404u);
     EXPECT_EQ(error["message"].asString(), "No location for service NOPE");
 }
@@ -210,7 +167,7 @@ TEST_F(CliTest, TokenShowsTheRecordWithTheTokenMasked)
 {
     Result const r = run({"--json", "token", "device-key"});
     ASSERT_EQ(r.status, 0) << r.err;
-    Json::Value const record = parse(r.out);
+    Json::Value const record = json(r.out);
     std::string const masked = record["token"].asString();
     ASSERT_GT(masked.size(), 9u);
     EXPECT_EQ(masked.find('*'), 9u);

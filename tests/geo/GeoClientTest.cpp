@@ -8,14 +8,6 @@ namespace {
 using testing::hook;
 using Completion = testing::Completion<GeoResponse, veltrun::BasicErrorResponse>;
 
-TEST(GeoResponse, TakesOnlyTopLevelStrings)
-{
-    GeoResponse geo;
-    geo.handleResponse(testing::json(R"({"country": 47, "countryIso": "NO", "geo": {"country": "x"}})"));
-    EXPECT_EQ(geo.country.value, "");
-    EXPECT_EQ(geo.countryIso.value, "NO");
-}
-
 class GeoClientTest : public testing::LoopbackTest {};
 
 TEST_F(GeoClientTest, HostFormComposesAndKeepsTheUrlAndTheTokenWins)

@@ -2,41 +2,26 @@
 #include <platform/controller/OAuthHelper.h>
 #include <platform/controller/ServiceSettings.h>
 #include <platform/controller/Settings.h>
-#include <platform/net/http/HttpClient.h>
 
 #include <tests/support/ScopedControllerConfig.h>
-#include <tests/support/TestCerts.h>
 #include <tools/emulator/CloudEmulator.h>
-#include <tools/emulator/HttpServer.h>
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core/error.hpp>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <ctime>
-#include <mutex>
 
 namespace tavix::controller {
 namespace {
 
 using testing::ScopedControllerConfig;
 
+// Against the emulator's token endpoint, with the answers a test scripts.
 class AuthenticationTest : public ::testing::Test {
 protected:
-    explicit AuthenticationTest(std::optional<emulator::TlsFiles> tls = std::nullopt)
-        : server([this](emulator::Request const&) { return answer(); }, tls)
-        , config("auth_url = " + server.baseUrl() + "/oauth/token\n")
-    {
-        OAuthHelper::Instance().RemoveAuthToken(key);
-    }
-
-    void reply(unsigned status, std::string body)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_status = status, m_body = std::move(body);
-    }
+    AuthenticationTest() { OAuthHelper::Instance().RemoveAuthToken(key); }
 
     int authenticate(std::string const& appKey = "device-key")
     {
@@ -45,29 +30,9 @@ protected:
     }
 
     std::string const key = "device-key";
-
-private:
-    // Before the server, whose thread reads them.
-    std::mutex m_mutex;
-    unsigned m_status = 200;
-    std::string m_body = R"({"access_token":"tok-1","token_type":"Bearer","expires_in":3600,"scope":"upload"})";
-
-protected:
-    emulator::HttpServer server;
-    ScopedControllerConfig config;
+    emulator::CloudEmulator cloud;
+    ScopedControllerConfig config{"auth_url = " + cloud.tokenUrl() + "\n"};
     std::string message;
-
-private:
-    emulator::Response answer()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        emulator::Response response;
-        response.result(m_status);
-        response.set(boost::beast::http::field::content_type, "application/json");
-        response.body() = m_body;
-        response.prepare_payload();
-        return response;
-    }
 };
 
 TEST_F(AuthenticationTest, PostsTheClientCredentialsFormAndStoresTheToken)
@@ -76,15 +41,15 @@ TEST_F(AuthenticationTest, PostsTheClientCredentialsFormAndStoresTheToken)
     OAuthHelper::Instance().SetAuthToken(oddKey, "old", "Bearer", "", 1, 1);
     AuthTokenPtr const held = OAuthHelper::Instance().GetAuthToken(oddKey);
     std::time_t const before = std::time(nullptr);
+    cloud.replyNext(200, R"({"access_token":"tok-1","token_type":"Bearer","expires_in":3600,"scope":"upload"})");
     ASSERT_EQ(authenticate(oddKey), 0) << message;
     EXPECT_EQ(message, "");
 
-    auto const seen = server.lastRequest();
-    ASSERT_TRUE(seen);
-    EXPECT_EQ(seen->requestLine, "POST /oauth/token HTTP/1.1");
-    EXPECT_EQ(seen->header("Content-Type"), "application/x-www-form-urlencoded");
-    EXPECT_EQ(seen->header("Accept"), "application/json");
-    EXPECT_EQ(seen->body, "grant_type=client_credentials&client_id=key%20%2F%26%3D%2B%C3%A9");
+    auto const seen = cloud.serviceRequests().back();
+    EXPECT_EQ(seen.requestLine, "POST /oauth/token HTTP/1.1");
+    EXPECT_EQ(seen.header("Content-Type"), "application/x-www-form-urlencoded");
+    EXPECT_EQ(seen.header("Accept"), "application/json");
+    EXPECT_EQ(seen.body, "grant_type=client_credentials&client_id=key%20%2F%26%3D%2B%C3%A9");
 
     // Overwritten in place: a handle taken before sees the new token.
     EXPECT_EQ(OAuthHelper::Instance().GetAuthToken(oddKey), held);
@@ -119,7 +84,7 @@ TEST_F(AuthenticationTest, ARefusalOrAMalformedTokenAnswerIsTheStatusAndATextWit
              {200, R"({"access_token":"secret","token_type":"Bearer","expires_in":-1})",
               "malformed token answer: expires_in is not a non-negative whole number"},
          }) {
-        reply(c.status, c.body);
+        cloud.replyNext(c.status, c.body);
         EXPECT_EQ(authenticate(), int(c.status)) << c.body;
         EXPECT_EQ(message, c.message);
         EXPECT_FALSE(OAuthHelper::Instance().GetAuthToken(key)) << c.body;
@@ -134,16 +99,6 @@ TEST_F(AuthenticationTest, TransportAndSettingsFailuresAreTheirOwnCodeAndText)
     config.write("auth_url = http://127.0.0.1:" + std::to_string(boundOnly.local_endpoint().port()) + "/token\n");
     EXPECT_EQ(authenticate(), ECONNREFUSED);
     EXPECT_EQ(message, make_error_code(boost::asio::error::connection_refused).message());
-
-    // Bounded by the client's time-outs.
-    config.write("auth_url = " + server.baseUrl() + "/oauth/token\n");
-    net::http::ClientOptions const saved = net::http::HttpClient::defaultOptions();
-    net::http::ClientOptions quick = saved;
-    quick.exchangeTimeout = std::chrono::milliseconds(300);
-    net::http::HttpClient::setDefaultOptions(quick);
-    server.pushFault(emulator::Fault::neverAnswer());
-    EXPECT_EQ(authenticate(), int(boost::beast::error::timeout));
-    net::http::HttpClient::setDefaultOptions(saved);
 
     struct Case {
         std::string settings;
@@ -161,65 +116,6 @@ TEST_F(AuthenticationTest, TransportAndSettingsFailuresAreTheirOwnCodeAndText)
         EXPECT_NE(code, 0) << c.settings;
         EXPECT_NE(message.find(c.inMessage), std::string::npos) << message;
     }
-    EXPECT_FALSE(OAuthHelper::Instance().GetAuthToken(key));
-}
-
-// Against the emulator's token endpoint: what it hands out, its services accept.
-TEST(EmulatorAuthenticationTest, TheStoredTokenIsAcceptedAndARefusalIsReported)
-{
-    emulator::CloudEmulator cloud;
-    ScopedControllerConfig config("auth_url = " + cloud.tokenUrl() + "\n");
-    std::string message;
-    ASSERT_EQ(AuthenticationServiceClient::AuthenticateController("emulated-key", message), 0) << message;
-    AuthTokenPtr const token = OAuthHelper::Instance().GetAuthToken("emulated-key");
-    ASSERT_TRUE(token);
-    EXPECT_EQ(token->GetDuration(), cloud.config().tokenLifetime.count());
-
-    boost::asio::io_context io;
-    unsigned status = 0;
-    net::http::HttpClient client(io, [&](net::http::HttpResponse const& r, boost::system::error_code const&) {
-        status = r.status();
-    });
-    net::http::HttpRequest request;
-    boost::system::error_code ec;
-    request.url(net::http::Url::createUrl(cloud.accountUrl() + "/v1/rest/accounts/current", ec));
-    request.setField("Authorization", "Bearer " + token->GetToken());
-    client.asyncRequest(request);
-    io.run();
-    EXPECT_EQ(status, 200u);
-
-    cloud.scriptReply({401, R"({"error":"invalid_client"})", "application/json", "oauth/token"});
-    EXPECT_EQ(AuthenticationServiceClient::AuthenticateController("emulated-key", message), 401);
-    EXPECT_EQ(message, "invalid_client");
-    EXPECT_EQ(cloud.tokenRequests(), 2u);
-}
-
-class HttpsAuthenticationTest : public AuthenticationTest {
-protected:
-    HttpsAuthenticationTest()
-        : AuthenticationTest(serverFiles())
-    {}
-
-    static emulator::TlsFiles serverFiles()
-    {
-        emulator::TlsFiles files = testing::certs::trustedServer();
-        files.clientCa = testing::certs::ca();
-        files.requireClientCertificate = true;
-        return files;
-    }
-};
-
-TEST_F(HttpsAuthenticationTest, PresentsTheConfiguredClientCertificate)
-{
-    std::string const url = "auth_url = " + server.baseUrl() + "/oauth/token\nca_file = " + testing::certs::ca() + "\n";
-    config.write(url + "client_cert_file = " + testing::certs::client() + "\n");
-    ASSERT_EQ(authenticate(), 0) << message;
-    EXPECT_EQ(server.lastRequest()->clientCommonName, "restclient test client");
-    EXPECT_EQ(OAuthHelper::Instance().GetAuthToken(key)->GetToken(), "tok-1");
-
-    OAuthHelper::Instance().RemoveAuthToken(key);
-    config.write(url);
-    EXPECT_NE(authenticate(), 0) << "the server requires a client certificate";
     EXPECT_FALSE(OAuthHelper::Instance().GetAuthToken(key));
 }
 
