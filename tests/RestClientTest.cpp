@@ -147,20 +147,6 @@ TEST_F(RestClientTest, EveryStatusButExactly200GoesToTheErrorDocument)
     }
 }
 
-TEST_F(RestClientTest, A200BodyThatIsNotJsonIsABadMessage)
-{
-    reply(200, "<html>");
-    auto client = engine(url());
-    ASSERT_FALSE(client->asyncRequest(http::verb::get));
-    runIo();
-
-    ASSERT_EQ(outcome.calls, 1);
-    EXPECT_EQ(outcome.ec, boost::system::errc::make_error_code(boost::system::errc::bad_message));
-    EXPECT_EQ(outcome.ec.value(), 74);
-    EXPECT_EQ(outcome.status, 200u);
-    EXPECT_FALSE(outcome.doc.filled);
-}
-
 // Nesting past the reader's limit of 1,000 levels makes the reader throw: the engine must
 // take that as a body that does not parse, not let it out of io_context::run().
 TEST_F(RestClientTest, JsonNestedPastTheReadersLimitIsABodyThatDoesNotParse)
@@ -182,20 +168,6 @@ TEST_F(RestClientTest, JsonNestedPastTheReadersLimitIsABodyThatDoesNotParse)
         EXPECT_FALSE(outcome.doc.filled) << status;
         EXPECT_EQ(outcome.error.code.value, 0u) << status;
     }
-}
-
-// Time-outs, refused connections and untrusted certificates are the transport's tests; here
-// it is enough that one transport error reaches the callback as it is.
-TEST_F(RestClientTest, ATransportFailureReachesTheCallbackWithDefaultDocuments)
-{
-    server.pushFault(Fault::dropConnection());
-    auto dropped = engine(url());
-    ASSERT_FALSE(dropped->asyncRequest(http::verb::get));
-    runIo();
-    ASSERT_EQ(outcome.calls, 1);
-    EXPECT_TRUE(outcome.ec);
-    EXPECT_FALSE(outcome.doc.filled);
-
 }
 
 TEST_F(RestClientTest, ARequestWithoutAUrlIsRefusedWithoutACallback)

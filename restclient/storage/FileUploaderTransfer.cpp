@@ -47,6 +47,25 @@ struct ProgressRecord {
     FileUploader* uploader = nullptr;
 };
 
+// What libcurl reads the body from: the open file, never past the size the request announced.
+struct BodySource {
+    std::FILE* file;
+    curl_off_t left;
+};
+
+// A file cut short while it is sent fails the attempt, rather than leave the server waiting for
+// the announced rest until the time-out; one that has grown is sent as far as it was announced.
+std::size_t readBody(char* buffer, std::size_t size, std::size_t count, void* source)
+{
+    auto* body = static_cast<BodySource*>(source);
+    std::size_t const wanted = static_cast<std::size_t>(std::min<curl_off_t>(size * count, body->left));
+    if (wanted == 0) return 0;
+    std::size_t const read = std::fread(buffer, 1, wanted, body->file);
+    if (read == 0) return CURL_READFUNC_ABORT;
+    body->left -= static_cast<curl_off_t>(read);
+    return read;
+}
+
 // libcurl would otherwise write the server's answer to stdout; keep its start for the log.
 std::size_t keepAnswer(char* data, std::size_t size, std::size_t count, void* answer)
 {
@@ -210,7 +229,9 @@ bool FileUploader::UploadFile()
         curl_easy_setopt(curl.get(), CURLOPT_XFERINFODATA, &progress);
         curl_easy_setopt(curl.get(), CURLOPT_NOPROGRESS, 0L);
         curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(curl.get(), CURLOPT_READDATA, file.get());
+        BodySource source{file.get(), size};
+        curl_easy_setopt(curl.get(), CURLOPT_READFUNCTION, &readBody);
+        curl_easy_setopt(curl.get(), CURLOPT_READDATA, &source);
         curl_easy_setopt(curl.get(), CURLOPT_INFILESIZE_LARGE, size);
         curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers);
         curl_easy_setopt(curl.get(), CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);

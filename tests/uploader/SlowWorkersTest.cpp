@@ -24,25 +24,6 @@ TEST_F(UploaderTest, TransferAnswered201IsRetriedThenFails)
     EXPECT_EQ(requestsTo("/blobs/"), 3u);
 }
 
-class ExpiredUploadUrl : public UploaderTest {
-protected:
-    static emulator::EmulatorConfig expiring()
-    {
-        emulator::EmulatorConfig config;
-        config.signedUrlLifetime = std::chrono::seconds(-60);
-        return config;
-    }
-    ExpiredUploadUrl() : UploaderTest(expiring()) {}
-};
-
-TEST_F(ExpiredUploadUrl, FailsAfterThreeAttempts)
-{
-    auto uploader = start(makeFile("a.txt", "some bytes"));
-    ASSERT_TRUE(uploader->WaitFinished(kRetryBound));
-    expectOutcome(*uploader, 403, "Upload failed. Response code: 403");
-    EXPECT_EQ(requestsTo("/blobs/"), 3u);
-}
-
 TEST_F(UploaderTest, RenewerGetsMissingAndLongExpiredTokensOnly)
 {
     controller::OAuthHelper& store = controller::OAuthHelper::Instance();

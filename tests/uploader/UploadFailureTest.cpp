@@ -1,10 +1,5 @@
 #include <tests/uploader/UploaderFixture.h>
 
-#include <platform/controller/OAuthHelper.h>
-#include <platform/net/http/HttpClient.h>
-
-#include <ctime>
-
 namespace tavix::testing {
 namespace {
 
@@ -65,7 +60,6 @@ INSTANTIATE_TEST_SUITE_P(
         ScriptedFailure{"AccountUrlUnparsable", kLocate, 200, endpoint("ACCOUNT", "REST", "nowhere"), 23,
                         "Unable to parse URL to Account service."},
         ScriptedFailure{"OtherService", kLocate, 200, endpoint("STORAGE", "REST", "http://x:1"), 12, kLocateFailed},
-        ScriptedFailure{"LocatorError", kLocate, 500, errorDocument(500), 12, kLocateFailed},
         ScriptedFailure{"LocatorEndpointArray", kLocate, 200, R"({"tavixServerEndpoint": [1]})", 12, kLocateFailed},
         ScriptedFailure{"StorageUrlUnparsable", kAccount, 200,
                         R"({"account": {"links": {"link": [{"@name": "storage", "@href": "nowhere"}]}}})", 33,
@@ -109,8 +103,7 @@ TEST_P(UnauthorizedTwice, SecondOneFailsTheStep)
 
 INSTANTIATE_TEST_SUITE_P(
     Uploader, UnauthorizedTwice,
-    ::testing::Values(SecondUnauthorized{"LocateLocate", kLocate, kLocate, 12, kLocateFailed},
-                      SecondUnauthorized{"LocateAccount", kLocate, kAccount, 22, kStorageUrlFailed},
+    ::testing::Values(SecondUnauthorized{"LocateAccount", kLocate, kAccount, 22, kStorageUrlFailed},
                       SecondUnauthorized{"AccountStore", kAccount, kStore, 32, "Failed to get upload URL."}),
     [](auto const& info) { return std::string(info.param.name); });
 
@@ -138,17 +131,6 @@ TEST_F(UploaderTest, FailedLookupBacksOffForTheNextUploader)
     // Within 300 seconds the lookup is skipped, and no Account URL was ever cached.
     expectOutcome(*upload(), 23, "Unable to parse URL to Account service.");
     EXPECT_EQ(requestsTo(kLocate), 1u);
-}
-
-TEST_F(UploaderTest, SilentServiceEndsTheWorkerWithAnError)
-{
-    net::http::ClientOptions options;
-    options.connectTimeout = options.exchangeTimeout = std::chrono::seconds(2);
-    net::http::HttpClient::setDefaultOptions(options);
-    controller::OAuthHelper::Instance().SetAuthToken(kAppKey, cloud.issueToken(), "Bearer", "", std::time(nullptr),
-                                                     3600);
-    cloud.silenceNext();  // the Locator request
-    expectOutcome(*upload(), 12, kLocateFailed);
 }
 
 } // namespace
