@@ -151,6 +151,12 @@ void HttpServer::clearFaults()
     m_impl->state.faults.clear();
 }
 
+void HttpServer::setFaultSource(FaultSource source)
+{
+    std::lock_guard<std::mutex> lock(m_impl->state.mutex);
+    m_impl->state.faultSource = std::move(source);
+}
+
 std::vector<CapturedRequest> HttpServer::requests() const
 {
     std::lock_guard<std::mutex> lock(m_impl->state.mutex);
