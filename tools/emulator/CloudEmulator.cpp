@@ -31,7 +31,8 @@ CloudEmulator::CloudEmulator(EmulatorConfig config)
       m_data(m_config.dataDirectory),
       m_storage(m_data.path),
       m_tokens(m_config),
-      m_authorizations(m_config.authorizations.begin(), m_config.authorizations.end())
+      m_authorizations(m_config.authorizations.begin(), m_config.authorizations.end()),
+      m_dice(m_config.randomFaults)
 {
     // Held until the context is complete: a request that arrives early waits for it.
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -47,6 +48,12 @@ CloudEmulator::CloudEmulator(EmulatorConfig config)
     m_server = std::make_unique<HttpServer>([this](Request const& request) { return handle(request); }, tls,
                                             m_config.port, m_config.address);
     m_server->setBodyPlanner([this](http::request_header<> const& head) { return planBody(head); });
+    m_server->setFaultSource([this](Request const& request) -> std::optional<Fault> {
+        auto const segments = targetSegments(std::string(request.target()));
+        if (!segments.empty() && segments[0] == "_emulator")
+            return std::nullopt;
+        return m_dice.transportFault();
+    });
     m_context = std::make_unique<ServiceContext>(m_config, m_server->baseUrl());
 }
 
@@ -123,6 +130,9 @@ void CloudEmulator::replyNext(unsigned status, std::string body)
 void CloudEmulator::delayNext(std::chrono::milliseconds delay) { m_server->pushFault(Fault::delayBy(delay)); }
 void CloudEmulator::dropNext() { m_server->pushFault(Fault::dropConnection()); }
 void CloudEmulator::silenceNext() { m_server->pushFault(Fault::neverAnswer()); }
+void CloudEmulator::setRandomFaults(RandomFaults faults) { m_dice.configure(faults); }
+RandomFaults CloudEmulator::randomFaults() const { return m_dice.faults(); }
+FaultDice::Counts CloudEmulator::injectedFaults() const { return m_dice.injected(); }
 
 void CloudEmulator::reset()
 {
@@ -188,6 +198,8 @@ Response CloudEmulator::handle(Request const& request)
             return control(route);
         if (auto reply = takeScriptedReply(std::string(request.target())))
             return textReply(request, reply->status, reply->body, reply->contentType);
+        if (m_dice.roll(FaultDice::serverError))
+            return injectedServerError(request);
         return dispatch(route);
     } catch (std::exception const& e) {
         return errorReply(request, m_config.errorStyle, http::status::internal_server_error, SubCode::internal,
@@ -220,6 +232,8 @@ BodyPlan CloudEmulator::planBody(http::request_header<> const& head)
         });
         if (!scripted)
             plan.answer = m_storage.refuseUpload(*m_context, route, *id);
+        if (!scripted && !plan.answer && m_dice.roll(FaultDice::serverError))
+            plan.answer = injectedServerError(request);
         if (!plan.answer) {
             plan.file = m_storage.incomingPath(*id).string();
             plan.finish = [this](Request const& complete, StreamedBody const& body) { return finishUpload(complete, body); };
@@ -250,7 +264,13 @@ Response CloudEmulator::finishUpload(Request const& request, StreamedBody const&
     }
 }
 
-std::optional<Response> CloudEmulator::refuseUnauthorized(RoutedRequest const& route, bool geo) const
+Response CloudEmulator::injectedServerError(Request const& request) const
+{
+    return errorReply(request, m_config.errorStyle, http::status::service_unavailable, SubCode::internal,
+                      "Service unavailable", "An injected fault");
+}
+
+std::optional<Response> CloudEmulator::refuseUnauthorized(RoutedRequest const& route, bool geo, bool refuseAnyway) const
 {
     auto field = route.request.find(http::field::authorization);
     std::string message;
@@ -258,12 +278,12 @@ std::optional<Response> CloudEmulator::refuseUnauthorized(RoutedRequest const& r
         message = "Missing Authorization header";
     } else {
         std::string value(field->value());
-        if (m_authorizations.count(value) != 0)
+        if (m_authorizations.count(value) != 0 && !refuseAnyway)
             return std::nullopt;
         static std::string const bearer = "Bearer ";
         auto const standing = value.compare(0, bearer.size(), bearer) == 0 ? m_tokens.standing(value.substr(bearer.size()))
                                                                             : TokenBook::Standing::unknown;
-        if (standing == TokenBook::Standing::valid)
+        if (standing == TokenBook::Standing::valid && !refuseAnyway)
             return std::nullopt;
         message = standing == TokenBook::Standing::expired ? "Expired token" : "Invalid or expired token";
     }
@@ -288,7 +308,7 @@ Response CloudEmulator::dispatch(RoutedRequest const& route)
         return m_tokens.tokenRoute(route);
 
     bool geo = count > 0 && segments.back() == "geo";
-    if (auto refused = refuseUnauthorized(route, geo))
+    if (auto refused = refuseUnauthorized(route, geo, m_dice.roll(FaultDice::unauthorized)))
         return *refused;
     if (geo)
         return geoRoute(context, route);
@@ -304,6 +324,12 @@ Response CloudEmulator::dispatch(RoutedRequest const& route)
         std::vector<std::string> rest(segments.begin() + static_cast<std::ptrdiff_t>(i) + 2, segments.end());
         if (!rest.empty() && rest[0] == "users")
             return usersRoute(context, route, {rest.begin() + 1, rest.end()});
+        bool const store = route.request.method() == http::verb::post && rest.size() == 1 && rest[0] == "files";
+        if (store && m_dice.roll(FaultDice::expiredUrl)) {
+            ServiceContext expiring = context;
+            expiring.config.signedUrlLifetime = std::chrono::seconds(-60);
+            return m_storage.accountRoute(expiring, route, rest);
+        }
         return m_storage.accountRoute(context, route, rest);
     }
     if (count > 0 && segments.back() == "accounts")

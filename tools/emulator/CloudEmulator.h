@@ -25,6 +25,10 @@
 // the bytes and their size. Refusals come before the body is asked for. Service routes take a
 // configured token (never expires), one from the token endpoint (expires when enforced), or a
 // configured Authorization value.
+//
+// Random faults (RandomFaults.h) hit service requests, never control ones: drops and stalls
+// any of them, 503 any of them (an upload before its body is read), 401 those that take a
+// bearer token, and an expired upload URL the answers to store requests.
 #pragma once
 
 #include <tools/emulator/Certificates.h>
@@ -105,6 +109,10 @@ public:
     void delayNext(std::chrono::milliseconds delay);
     void dropNext();
     void silenceNext();
+    // Random faults from now on, drawn afresh from their seed; the counts start over.
+    void setRandomFaults(RandomFaults faults);
+    RandomFaults randomFaults() const;
+    FaultDice::Counts injectedFaults() const;
     // Forgets scripted replies, faults, captured requests and the registration; keeps objects.
     void reset();
 
@@ -133,8 +141,11 @@ private:
     BodyPlan planBody(http::request_header<> const& head);
     Response finishUpload(Request const& request, StreamedBody const& body);
     Response dispatch(RoutedRequest const& route);
-    std::optional<Response> refuseUnauthorized(RoutedRequest const& route, bool geo) const;
+    // `refuseAnyway`: an injected 401, whatever the request carries.
+    std::optional<Response> refuseUnauthorized(RoutedRequest const& route, bool geo, bool refuseAnyway) const;
+    Response injectedServerError(Request const& request) const;
     Response control(RoutedRequest const& route);
+    Response randomFaultsRoute(Request const& request);
 
     EmulatorConfig const m_config;
     DataDirectory m_data;
@@ -145,6 +156,7 @@ private:
     TokenBook m_tokens;
     std::set<std::string> m_authorizations;
     std::deque<ScriptedReply> m_script;
+    FaultDice m_dice;
     std::unique_ptr<ServiceContext> m_context;
     // Last, so that it stops before the state its handler uses goes away.
     std::unique_ptr<HttpServer> m_server;

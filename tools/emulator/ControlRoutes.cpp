@@ -4,6 +4,8 @@
 //   GET  /_emulator/requests   the captured service requests
 //   POST /_emulator/reset      forget scripts, faults, captured requests and the registration
 //   POST /_emulator/token      issue a new bearer token
+//   POST /_emulator/faults     random faults from now on, in their text form ("drop=0.02,5xx=0.01,seed=7")
+//   GET  /_emulator/faults     {"faults": <text form>, "injected": {"drop": n, "stall": n, ...}}
 #include <tools/emulator/CloudEmulator.h>
 
 namespace tavix::emulator {
@@ -81,6 +83,8 @@ Response CloudEmulator::control(RoutedRequest const& route)
         }
         return jsonReply(request, http::status::ok, document);
     }
+    if (action == "faults")
+        return randomFaultsRoute(request);
     if (action != "next-reply" && action != "fault" && action != "reset" && action != "token")
         return errorReply(request, m_config.errorStyle, http::status::not_found, SubCode::notFound,
                           "No such control operation", std::string(request.target()));
@@ -120,6 +124,26 @@ Response CloudEmulator::control(RoutedRequest const& route)
                           "Invalid fault", error);
     m_server->pushFault(*fault);
     return jsonReply(request, http::status::ok, done);
+}
+
+Response CloudEmulator::randomFaultsRoute(Request const& request)
+{
+    if (request.method() == http::verb::post) {
+        RandomFaults faults;
+        std::string error;
+        if (!parseRandomFaults(request.body(), faults, error))
+            return errorReply(request, m_config.errorStyle, http::status::bad_request, SubCode::invalidRequest,
+                              "Invalid faults", error);
+        m_dice.configure(faults);
+    } else if (request.method() != http::verb::get) {
+        return methodNotAllowed(request, m_config.errorStyle, "GET, POST");
+    }
+    Json::Value document(Json::objectValue);
+    document["faults"] = formatRandomFaults(m_dice.faults());
+    FaultDice::Counts const injected = m_dice.injected();
+    for (int kind = 0; kind < FaultDice::kindCount; ++kind)
+        document["injected"][FaultDice::name(FaultDice::Kind(kind))] = Json::UInt64(injected[kind]);
+    return jsonReply(request, http::status::ok, document);
 }
 
 } // namespace tavix::emulator

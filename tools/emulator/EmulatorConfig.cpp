@@ -167,6 +167,11 @@ bool applyConfigDocument(Json::Value const& document, EmulatorConfig& config, st
         return false;
     if (document.isMember("users") && !readUsers(document["users"], config.users, error))
         return false;
+    if (document.isMember("randomFaults")) {
+        std::string text;
+        if (!readText(document, "randomFaults", text, error) || !parseRandomFaults(text, config.randomFaults, error))
+            return false;
+    }
     if (document.isMember("errorStyle")) {
         std::string style;
         if (!readText(document, "errorStyle", style, error) || (style != "wrapped" && style != "bare")) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <tools/emulator/HttpServer.h>
+#include <tools/emulator/RandomFaults.h>
 
 #include <json/value.h>
 
@@ -67,6 +68,9 @@ struct EmulatorConfig {
     // Where it listens; the services' addresses name it, so it must be one a device can reach.
     std::string address = "127.0.0.1";
     unsigned short port = 0;
+    // Faults given at random from the start (none by default); changed later through the
+    // control interface.
+    RandomFaults randomFaults;
 };
 
 // Overrides the members of `config` that `document` names (keys as the member names above, TLS

@@ -168,6 +168,12 @@ ConnectionCounts HttpServer::connectionCounts() const
     return m_impl->state.counts;
 }
 
+void HttpServer::setFaultSource(FaultSource source)
+{
+    std::lock_guard<std::mutex> lock(m_impl->state.mutex);
+    m_impl->state.faultSource = std::move(source);
+}
+
 std::vector<CapturedRequest> HttpServer::requests() const
 {
     std::lock_guard<std::mutex> lock(m_impl->state.mutex);

@@ -82,6 +82,8 @@ class HttpServer {
 public:
     using Handler = std::function<Response(Request const& request)>;
     using BodyPlanner = std::function<BodyPlan(http::request_header<> const& head)>;
+    // Asked for a fault for each request that no pushed fault takes; nullopt: none.
+    using FaultSource = std::function<std::optional<Fault>(Request const& request)>;
     // Asked with the request head; a non-empty path streams the body into that file (in
     // constant memory) and the handler then sees an empty body.
     using BodyFileChooser = std::function<std::string(http::request_header<> const& head)>;
@@ -107,6 +109,7 @@ public:
     // Faults apply to the next requests, one each, in the order pushed.
     void pushFault(Fault fault);
     void clearFaults();
+    void setFaultSource(FaultSource source);
 
     ConnectionCounts connectionCounts() const;
 

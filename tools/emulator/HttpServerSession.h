@@ -32,16 +32,21 @@ struct ServerState {
     HttpServer::Handler handler;
     mutable std::mutex mutex;
     std::deque<Fault> faults;
+    HttpServer::FaultSource faultSource;
     std::vector<CapturedRequest> requests;
     HttpServer::BodyPlanner bodyPlanner;
     std::size_t bodyLimit = 64 * 1024 * 1024;
     ConnectionCounts counts;
     std::chrono::milliseconds idleTimeout{0};
 
-    std::optional<Fault> takeFault()
+    std::optional<Fault> takeFault(Request const& request)
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (faults.empty()) return std::nullopt;
+        std::unique_lock<std::mutex> lock(mutex);
+        if (faults.empty()) {
+            HttpServer::FaultSource const source = faultSource;
+            lock.unlock();
+            return source ? source(request) : std::nullopt;
+        }
         Fault fault = std::move(faults.front());
         faults.pop_front();
         return fault;
@@ -260,7 +265,7 @@ private:
         if (m_buffer.capacity() > memoryChunk && m_buffer.size() == 0) m_buffer.shrink_to_fit();
         record(request);
 
-        std::optional<Fault> fault = m_state.takeFault();
+        std::optional<Fault> fault = m_state.takeFault(request);
         if (!fault) return answer(std::move(request));
         switch (fault->kind) {
         case Fault::Kind::delay:

@@ -53,6 +53,11 @@ bool applyArguments(po::variables_map const& arguments, EmulatorConfig& config, 
         config.tokens = arguments["token"].as<std::vector<std::string>>();
     if (arguments.count("token-lifetime"))
         config.tokenLifetime = std::chrono::seconds(arguments["token-lifetime"].as<unsigned>());
+    if (arguments.count("faults")
+        && !parseRandomFaults(arguments["faults"].as<std::string>(), config.randomFaults, error)) {
+        error = "--faults: " + error;
+        return false;
+    }
     if (arguments.count("cert") != arguments.count("key")) {
         error = "--cert and --key go together";
         return false;
@@ -100,6 +105,9 @@ int main(int argc, char** argv)
         ("key", po::value<std::string>(), "PEM private key of --cert")
         ("client-ca", po::value<std::string>(), "PEM CA whose client certificates are asked for")
         ("require-client-cert", "refuse clients without a client certificate")
+        ("faults", po::value<std::string>(),
+         "faults at random, each a probability per request, e.g. "
+         "drop=0.02,stall=0.02,stall-ms=2000,5xx=0.02,401=0.02,expired-url=0.01,seed=7 (default none)")
         ("write-settings", po::value<std::string>(),
          "write the controller settings a device needs to FILE instead of printing them");
 
