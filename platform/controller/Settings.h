@@ -7,6 +7,7 @@
 
 #include <boost/system/error_code.hpp>
 
+#include <optional>
 #include <string>
 
 namespace tavix::controller {
@@ -25,6 +26,10 @@ struct TAVIX_EXPORT Settings {
     std::string caFile;          // ca_file: CA bundle for HTTPS REST peers
     bool disableTls = false;     // disable_tls
     std::string commonName;      // common_name
+    // The HTTP proxy of REST and transfer: with either line present the settings decide alone
+    // and the environment's proxy variables are ignored (see net::http::chooseProxy).
+    std::optional<std::string> proxy;    // proxy: http://[user:password@]host[:port]; empty: direct
+    std::optional<std::string> noProxy;  // no_proxy: hosts, .domains and addresses reached directly
 
     static std::string path();
     // Reads `path()`. On error `ec` is set, `detail` (when given) says where and why (the path

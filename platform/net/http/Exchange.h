@@ -1,10 +1,11 @@
 // One HTTP request and its response over a fresh connection: resolve (names only), connect,
-// TLS handshake, write, read, one stage per handler. It keeps itself alive through its
+// CONNECT tunnel (https through a proxy), TLS handshake, write, read, one stage per handler. It keeps itself alive through its
 // handlers, so it finishes (and calls its completion once) even when its client is gone.
 #pragma once
 
 #include <platform/net/http/Connection.h>
 #include <platform/net/http/HttpClient.h>
+#include <platform/net/http/ProxyChoice.h>
 
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -19,8 +20,9 @@ namespace tavix::net::http {
 
 class Exchange : public std::enable_shared_from_this<Exchange> {
 public:
+    // `proxy`: the connection goes to it, and https through a tunnel in it.
     Exchange(std::shared_ptr<Connection> connection, HttpRequest const& request, ClientOptions const& options,
-             HttpClient::Completion completion);
+             std::optional<Proxy> proxy, HttpClient::Completion completion);
 
     // Runs on the connection's strand; may be called from any thread.
     void start();
@@ -32,6 +34,7 @@ private:
     void connectTo(boost::asio::ip::tcp::endpoint const& endpoint);
     void onResolve(boost::system::error_code ec, boost::asio::ip::tcp::resolver::results_type endpoints);
     void onConnect(boost::system::error_code ec);
+    void onTunnel(boost::system::error_code ec);
     void onHandshake(boost::system::error_code ec);
     void onWrite(boost::system::error_code ec);
     void onHead(boost::system::error_code ec);
@@ -52,6 +55,7 @@ private:
     std::shared_ptr<Connection> m_connection;
     std::string m_host;
     unsigned short m_port;
+    std::optional<Proxy> m_proxy;
     ClientOptions m_options;
     HttpClient::Completion m_completion;
     boost::beast::http::request<boost::beast::http::string_body> m_request;

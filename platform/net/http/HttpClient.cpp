@@ -5,6 +5,7 @@
 #include <platform/controller/Settings.h>
 #include <platform/net/http/Connection.h>
 #include <platform/net/http/Exchange.h>
+#include <platform/net/http/ProxyChoice.h>
 #include <platform/net/http/TlsContextCache.h>
 
 #include <boost/asio/dispatch.hpp>
@@ -22,23 +23,24 @@ namespace {
 std::mutex s_defaultsMutex;
 ClientOptions s_defaults;
 
-// Checks the URL and the header fields and, for https, gets the shared TLS context of the
-// current settings.
-std::shared_ptr<asio::ssl::context> prepare(HttpRequest const& request, error_code& ec)
+// Checks the URL and the header fields, chooses the proxy and, for https, gets the shared TLS
+// context of the current settings.
+std::shared_ptr<asio::ssl::context> prepare(HttpRequest const& request, std::optional<Proxy>& proxy, error_code& ec)
 {
     Url const& url = request.url();
     if (!url.isValid() || url.host().empty() || request.hasRefusedField()) {
         ec = make_error_code(boost::system::errc::invalid_argument);
         return nullptr;
     }
-    if (url.scheme() == "http") return nullptr;
-    if (url.scheme() != "https") {
+    if (url.scheme() != "http" && url.scheme() != "https") {
         ec = make_error_code(boost::system::errc::protocol_not_supported);
         return nullptr;
     }
     // Read at each use: a re-provisioned device needs no restart.
     auto const settings = controller::Settings::load(ec);
     if (ec) return nullptr;
+    proxy = chooseProxy(url, settings, ec);
+    if (ec || url.scheme() == "http") return nullptr;
     return sharedTlsContext(settings.caFile, settings.clientCertFile, ec);
 }
 
@@ -69,7 +71,8 @@ HttpClient::~HttpClient() = default;
 error_code HttpClient::asyncRequest(HttpRequest const& request)
 {
     error_code ec;
-    std::shared_ptr<asio::ssl::context> tls = prepare(request, ec);
+    std::optional<Proxy> proxy;
+    std::shared_ptr<asio::ssl::context> tls = prepare(request, proxy, ec);
     if (ec) {
         // Reported to the completion too: a caller that only waits for the callback (some
         // clients drop this result by design) must not wait forever.
@@ -82,7 +85,9 @@ error_code HttpClient::asyncRequest(HttpRequest const& request)
         std::lock_guard<std::mutex> lock(m_state->mutex);
         m_state->connection = connection;
     }
-    std::make_shared<Exchange>(std::move(connection), request, m_state->options, m_state->completion)->start();
+    std::make_shared<Exchange>(std::move(connection), request, m_state->options, std::move(proxy),
+                               m_state->completion)
+        ->start();
     return {};
 }
 
