@@ -194,16 +194,15 @@ TEST_P(ProxiedRest, GoesThroughTheProxyOrFailsWithItsAnswer)
         boost::asio::ip::tcp::acceptor closed(io, {boost::asio::ip::make_address("127.0.0.1"), 0});
         address = "http://127.0.0.1:" + std::to_string(closed.local_endpoint().port());
     }
-    std::string const ca = c.tls ? "ca_file = " + certs::ca() + "\n" : "";
-    std::map<std::string, std::string> const variables = {{"http_proxy", address}, {"https_proxy", address}};
-    ProxyEnvironment environment(c.where == RestCase::environment || c.where == RestCase::overridden
-                                     ? variables
-                                     : std::map<std::string, std::string>{});
-    ScopedControllerConfig settings(ca
-                                    + (c.where == RestCase::environment  ? ""
-                                           : c.where == RestCase::overridden ? "proxy =\n"
-                                                                             : "proxy = " + address + "\n")
-                                    + (c.where == RestCase::bypassed ? "no_proxy = localhost, 127.0.0.1\n" : ""));
+    bool const fromEnvironment = c.where == RestCase::environment || c.where == RestCase::overridden;
+    ProxyEnvironment environment(fromEnvironment ? std::map<std::string, std::string>{{"http_proxy", address},
+                                                                                      {"https_proxy", address}}
+                                                 : std::map<std::string, std::string>{});
+    std::string text = c.tls ? "ca_file = " + certs::ca() + "\n" : "";
+    if (c.where == RestCase::overridden) text += "proxy =\n";
+    if (!fromEnvironment) text += "proxy = " + address + "\n";
+    if (c.where == RestCase::bypassed) text += "no_proxy = localhost, 127.0.0.1\n";
+    ScopedControllerConfig settings(text);
     auto const defaults = net::http::HttpClient::defaultOptions();
     if (c.timeouts.count()) net::http::HttpClient::setDefaultOptions({c.timeouts, 2 * c.timeouts});
 

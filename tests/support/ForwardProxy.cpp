@@ -164,7 +164,9 @@ private:
 ForwardProxy::ForwardProxy() : ForwardProxy(Options()) {}
 
 ForwardProxy::ForwardProxy(Options options)
-    : m_options(std::move(options)), m_acceptor(m_io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0))
+    : m_options(std::move(options))
+    , m_acceptor(m_io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0))
+    , m_port(m_acceptor.local_endpoint().port())
 {
     accept();
     m_thread = std::thread([this] { m_io.run(); });
@@ -179,7 +181,7 @@ ForwardProxy::~ForwardProxy()
 std::string ForwardProxy::url(std::string const& userinfo) const
 {
     return "http://" + (userinfo.empty() ? "" : userinfo + "@") + "127.0.0.1:"
-        + std::to_string(m_acceptor.local_endpoint().port());
+        + std::to_string(m_port);
 }
 
 std::vector<ForwardProxy::Seen> ForwardProxy::requests() const

@@ -49,6 +49,7 @@ private:
     Options const m_options;
     boost::asio::io_context m_io;
     boost::asio::ip::tcp::acceptor m_acceptor;
+    unsigned short const m_port;  // read here, not from the acceptor its thread works on
     mutable std::mutex m_mutex;
     std::vector<Seen> m_seen;
     std::vector<std::shared_ptr<Session>> m_silenced;  // held open, never answered
