@@ -20,6 +20,7 @@ install(DIRECTORY restclient platform DESTINATION ${RESTCLIENT_INCLUDE_DIR}
   PATTERN "detail" EXCLUDE
   PATTERN "Connection.h" EXCLUDE
   PATTERN "Exchange.h" EXCLUDE
+  PATTERN "ProxyTunnel.h" EXCLUDE
   PATTERN "TlsContextCache.h" EXCLUDE
   PATTERN "ErrorCategories.h" EXCLUDE)
 install(EXPORT restclientTargets NAMESPACE restclient:: DESTINATION ${RESTCLIENT_CMAKE_DIR})

@@ -1,5 +1,7 @@
 #include <platform/controller/Settings.h>
 
+#include <platform/net/http/ProxyChoice.h>
+
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
@@ -173,6 +175,19 @@ Settings Settings::parse(std::string const& text, boost::system::error_code& ec,
             if (!parseBool(value, *flag->second)) {
                 return fail(SettingsError::badValue, lineNo, key + " must be true or false, not '" + value + "'");
             }
+            continue;
+        }
+        if (key == "proxy") {
+            boost::system::error_code bad;
+            // The value is not repeated: it may hold a password.
+            if (!value.empty() && !net::http::Proxy::parse(value, bad)) {
+                return fail(SettingsError::badValue, lineNo, "proxy must be http://[user:password@]host[:port]");
+            }
+            s.proxy = value;
+            continue;
+        }
+        if (key == "no_proxy") {
+            s.noProxy = value;
             continue;
         }
         auto const field = strings.find(key);

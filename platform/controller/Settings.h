@@ -8,6 +8,7 @@
 
 #include <boost/system/error_code.hpp>
 
+#include <optional>
 #include <string>
 
 namespace tavix::controller {
@@ -27,6 +28,10 @@ struct TAVIX_EXPORT Settings {
     bool disableTls = false;     // disable_tls
     std::string commonName;      // common_name
     bool connectionReuse = true; // connection_reuse: keep HTTP connections alive between requests
+    // The HTTP proxy of REST and transfer: with either line present the settings decide alone
+    // and the environment's proxy variables are ignored (see net::http::chooseProxy).
+    std::optional<std::string> proxy;    // proxy: http://[user:password@]host[:port]; empty: direct
+    std::optional<std::string> noProxy;  // no_proxy: hosts, .domains and addresses reached directly
 
     static std::string path();
     // Reads `path()`, or gives the last result while the file's status (modification time,

@@ -1,6 +1,9 @@
 // The last two steps of an upload: the upload URL with the file's metadata, and the transfer.
+// The transfer keeps the options the controller has always set, older names included.
+#define CURL_DISABLE_DEPRECATION
 #include <restclient/storage/FileUploader.h>
 
+#include <restclient/detail/CurlProxy.h>
 #include <restclient/detail/ServiceAddress.h>
 #include <restclient/detail/WorkerLog.h>
 
@@ -11,8 +14,6 @@
 
 #include <boost/bind/bind.hpp>
 
-// The transfer keeps the options the controller has always set, older names included.
-#define CURL_DISABLE_DEPRECATION
 #include <curl/curl.h>
 #include <fmt/format.h>
 
@@ -215,6 +216,15 @@ bool FileUploader::UploadFile()
             WORKER_LOG_ERROR("[FileUploader] Could not init curl.");
             return setError(43, "Could not init curl."), false;
         }
+        // The road the REST steps took; a proxy that cannot be used is not worth a retry.
+        boost::system::error_code proxyError;
+        auto const proxy = detail::setCurlProxy(curl.get(), m_uploadURL, proxyError);
+        if (proxyError) {
+            std::string const message = "Upload failed. " + proxyError.message();
+            WORKER_LOG_ERROR("[FileUploader] " << message);
+            return setError(proxyError.value(), message), false;
+        }
+        if (proxy) WORKER_LOG_DEBUG("[FileUploader] Uploading through the proxy " << proxy->address());
 
         curl_off_t const size = info.st_size;
         bytesSent = 0;

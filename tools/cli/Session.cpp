@@ -69,6 +69,9 @@ Exit Session::writeSettingsCopy()
     line("ca_file", m_settings.caFile);
     line("common_name", m_settings.commonName);
     if (m_settings.disableTls) line("disable_tls", "true");
+    // Present but empty still means "direct, whatever the environment says".
+    if (m_settings.proxy) file << "proxy = " << *m_settings.proxy << "\n";
+    if (m_settings.noProxy) file << "no_proxy = " << *m_settings.noProxy << "\n";
     if (!file.flush()) return fail(localFailure, "cannot write the settings file " + m_settingsCopy);
     ::setenv("TAVIX_CONTROLLER_CONFIG", m_settingsCopy.c_str(), 1);
     return ok;

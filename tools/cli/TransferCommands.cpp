@@ -1,6 +1,7 @@
 #include <tools/cli/Commands.h>
 #include <tools/cli/Progress.h>
 
+#include <restclient/detail/CurlProxy.h>
 #include <restclient/storage/FileUploader.h>
 
 #include <platform/controller/OAuthHelper.h>
@@ -118,6 +119,12 @@ Exit download(Session& session, std::string const& url, std::string const& targe
     curl_easy_setopt(curl.get(), CURLOPT_XFERINFODATA, &progress);
     curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl.get(), CURLOPT_CONNECTTIMEOUT, 10L);
+    boost::system::error_code proxyError;
+    restclient::detail::setCurlProxy(curl.get(), url, proxyError);
+    if (proxyError) {
+        std::remove(part.c_str());
+        return fail(badUsage, "download: " + proxyError.message());
+    }
     if (!settings.caFile.empty()) curl_easy_setopt(curl.get(), CURLOPT_CAINFO, settings.caFile.c_str());
     if (!settings.clientCertFile.empty()) {
         curl_easy_setopt(curl.get(), CURLOPT_SSLCERT, settings.clientCertFile.c_str());

@@ -2,6 +2,8 @@
 
 #include <platform/net/http/Exchange.h>
 
+#include <platform/net/http/ProxyTunnel.h>
+
 #include <boost/asio/connect.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/error.hpp>
@@ -41,7 +43,8 @@ bool idempotent(beast::http::verb method)
 } // namespace
 
 Exchange::Exchange(std::shared_ptr<Connection> connection, bool reused, ConnectionPool* pool,
-                   HttpRequest const& request, ClientOptions const& options, HttpClient::Completion completion)
+                   HttpRequest const& request, ClientOptions const& options, std::optional<Proxy> proxy,
+                   HttpClient::Completion completion)
     : m_connection(std::move(connection))
     , m_reused(reused)
     , m_pool(pool)
@@ -49,6 +52,7 @@ Exchange::Exchange(std::shared_ptr<Connection> connection, bool reused, Connecti
     , m_host(request.url().host())
     , m_port(request.url().port())
     , m_peer(m_host + ":" + std::to_string(m_port))
+    , m_proxy(std::move(proxy))
     , m_options(options)
     , m_completion(std::move(completion))
     , m_timer(m_connection->strand().context())
@@ -66,6 +70,12 @@ Exchange::Exchange(std::shared_ptr<Connection> connection, bool reused, Connecti
         m_request.set(field::content_length, std::to_string(request.payload().size()));
     }
     m_request.body() = request.payload();
+    // Plain http through a proxy names the whole URL, and only the proxy sees its credentials.
+    if (m_proxy && !m_connection->tls()) {
+        m_request.target("http://" + hostField(request.url()) + request.url().target());
+        std::string const authorization = m_proxy->authorization();
+        if (!authorization.empty()) m_request.set(field::proxy_authorization, authorization);
+    }
     m_parser.body_limit(m_options.maxBodySize);
     // Room for a typical answer in one read.
     m_buffer.reserve(4096);
@@ -92,12 +102,14 @@ void Exchange::begin()
 void Exchange::connect()
 {
     armTimer(std::min(Clock::now() + m_options.connectTimeout, m_exchangeDeadline));
+    std::string const& host = m_proxy ? m_proxy->host : m_host;
+    unsigned short const port = m_proxy ? m_proxy->port : m_port;
     error_code notAnAddress;
-    auto const address = asio::ip::make_address(m_host, notAnAddress);
+    auto const address = asio::ip::make_address(host, notAnAddress);
     // No resolver for an IP literal: it would cost a hop through the resolver's thread.
-    if (!notAnAddress) return connectTo(tcp::endpoint(address, m_port));
+    if (!notAnAddress) return connectTo(tcp::endpoint(address, port));
     m_resolver.emplace(m_connection->strand().context());
-    m_resolver->async_resolve(m_host, std::to_string(m_port),
+    m_resolver->async_resolve(host, std::to_string(port),
                               onStrand([self = shared_from_this()](error_code ec, tcp::resolver::results_type endpoints) {
                                   self->onResolve(ec, std::move(endpoints));
                               }));
@@ -118,6 +130,17 @@ void Exchange::onResolve(error_code ec, tcp::resolver::results_type endpoints)
 }
 
 void Exchange::onConnect(error_code ec)
+{
+    if (interrupted(ec)) return finish(ec);
+    if (!m_proxy || !m_connection->tls()) return onTunnel({});
+    // The connect time-out covers the proxy's answer too.
+    std::string const origin = (m_host.find(':') != std::string::npos ? "[" + m_host + "]" : m_host) + ":"
+        + std::to_string(m_port);
+    openTunnel(m_connection, origin, m_proxy->authorization(),
+               [self = shared_from_this()](error_code ec) { self->onTunnel(ec); });
+}
+
+void Exchange::onTunnel(error_code ec)
 {
     if (interrupted(ec)) return finish(ec);
     Connection::TlsStream* tls = m_connection->tls();

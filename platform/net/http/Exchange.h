@@ -1,12 +1,14 @@
 // One HTTP request and its response: over a reused connection, write and read; over a new one,
-// resolve (names only), connect and TLS handshake first; one stage per handler. Afterwards the
-// connection goes back to the pool when the answer allows it. It keeps itself alive through
-// its handlers, so it finishes (and calls its completion once) even when its client is gone.
+// resolve (names only), connect, CONNECT tunnel (https through a proxy) and TLS handshake
+// first; one stage per handler. Afterwards the connection goes back to the pool when the answer
+// allows it. It keeps itself alive through its handlers, so it finishes (and calls its
+// completion once) even when its client is gone.
 #pragma once
 
 #include <platform/net/http/Connection.h>
 #include <platform/net/http/ConnectionPool.h>
 #include <platform/net/http/HttpClient.h>
+#include <platform/net/http/ProxyChoice.h>
 
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -22,9 +24,10 @@ namespace tavix::net::http {
 class Exchange : public std::enable_shared_from_this<Exchange> {
 public:
     // `reused`: `connection` came from the pool, already connected. `pool` null: the connection
-    // is not to be kept (reuse is off).
+    // is not to be kept (reuse is off). `proxy`: the connection goes to it, and https through a
+    // tunnel in it.
     Exchange(std::shared_ptr<Connection> connection, bool reused, ConnectionPool* pool, HttpRequest const& request,
-             ClientOptions const& options, HttpClient::Completion completion);
+             ClientOptions const& options, std::optional<Proxy> proxy, HttpClient::Completion completion);
 
     // Runs on the connection's strand; may be called from any thread.
     void start();
@@ -38,6 +41,7 @@ private:
     void connectTo(boost::asio::ip::tcp::endpoint const& endpoint);
     void onResolve(boost::system::error_code ec, boost::asio::ip::tcp::resolver::results_type endpoints);
     void onConnect(boost::system::error_code ec);
+    void onTunnel(boost::system::error_code ec);
     void onHandshake(boost::system::error_code ec);
     void onWrite(boost::system::error_code ec);
     void onHead(boost::system::error_code ec);
@@ -66,6 +70,7 @@ private:
     std::string m_host;
     unsigned short m_port;
     std::string m_peer;  // "host:port", whose TLS session is resumed
+    std::optional<Proxy> m_proxy;
     ClientOptions m_options;
     HttpClient::Completion m_completion;
     boost::beast::http::request<boost::beast::http::string_body> m_request;

@@ -6,6 +6,7 @@
 #include <platform/net/http/Connection.h>
 #include <platform/net/http/ConnectionPool.h>
 #include <platform/net/http/Exchange.h>
+#include <platform/net/http/ProxyChoice.h>
 #include <platform/net/http/TlsContextCache.h>
 
 #include <boost/asio/dispatch.hpp>
@@ -25,15 +26,17 @@ std::mutex s_defaultsMutex;
 ClientOptions s_defaults;
 
 // What an exchange needs besides the request: the TLS context of the current settings (https
-// only), whether connections may be reused, and the route a reusable connection serves.
+// only), the proxy, whether connections may be reused, and the route a reusable connection
+// serves.
 struct Route {
     std::shared_ptr<TlsClientContext> tls;
+    std::optional<Proxy> proxy;
     bool reuse = true;
     std::string name;
 };
 
-// Checks the URL and the header fields and reads the settings (a re-provisioned device needs
-// no restart).
+// Checks the URL and the header fields, reads the settings (a re-provisioned device needs no
+// restart) and chooses the proxy.
 Route prepare(HttpRequest const& request, error_code& ec)
 {
     Route route;
@@ -47,16 +50,16 @@ Route prepare(HttpRequest const& request, error_code& ec)
         return route;
     }
     auto const settings = controller::Settings::load(ec);
-    // Plain http needs nothing from the settings but the reuse switch: it goes on without them,
-    // as it always has.
-    if (ec && url.scheme() == "http") ec = {};
     if (ec) return route;
     route.reuse = settings.connectionReuse;
-    if (url.scheme() == "https") route.tls = sharedTlsContext(settings.caFile, settings.clientCertFile, ec);
+    route.proxy = chooseProxy(url, settings, ec);
+    if (!ec && url.scheme() == "https") route.tls = sharedTlsContext(settings.caFile, settings.clientCertFile, ec);
+    if (ec) return route;
     // A new TLS context (changed settings) is a new route: its connections are never mixed up
     // with those made under the old one, which it cannot share an address with while they live.
     route.name = url.scheme() + "://" + url.host() + ":" + std::to_string(url.port()) + "/" +
-                 std::to_string(reinterpret_cast<std::uintptr_t>(route.tls.get()));
+                 std::to_string(reinterpret_cast<std::uintptr_t>(route.tls.get())) + "/" +
+                 (route.proxy ? route.proxy->route() : std::string());
     return route;
 }
 
@@ -105,7 +108,8 @@ error_code HttpClient::asyncRequest(HttpRequest const& request)
         m_state->connection = connection;
         m_state->lease = connection->lease();
     }
-    std::make_shared<Exchange>(std::move(connection), reused, pool, request, m_state->options, m_state->completion)
+    std::make_shared<Exchange>(std::move(connection), reused, pool, request, m_state->options, std::move(route.proxy),
+                               m_state->completion)
         ->start();
     return {};
 }

@@ -1,7 +1,8 @@
 // Asynchronous HTTP/1.1 client over Boost.Beast, with TLS through Boost.Asio SSL.
 // Each started exchange ends in exactly one call of the completion, on a thread that runs
 // the io_context; connect and exchange time-outs and a body size limit keep a broken or
-// hostile peer from hanging or exhausting the caller.
+// hostile peer from hanging or exhausting the caller. Requests take the proxy that
+// `chooseProxy` (ProxyChoice.h) names for their URL.
 //
 // Connections are kept alive and reused: after a complete exchange whose answer allows it, the
 // connection waits in its io_context's pool for the next client object's exchange to the same
@@ -51,7 +52,8 @@ public:
     ~HttpClient();
 
     // Starts one exchange; the result is the error of starting it (`invalid_argument` for a
-    // request without a usable URL or with a refused header field). Every call ends in exactly
+    // request without a usable URL or with a refused header field; a settings error;
+    // `ProxyError::badAddress` for a proxy that cannot be used). Every call ends in exactly
     // one completion: a refused start is reported there too, with the same error.
     boost::system::error_code asyncRequest(HttpRequest const& request);
 
