@@ -33,7 +33,8 @@ std::string baseUrl(ChildProcess& emulator)
         auto const at = text.find("listening on ");
         auto const end = text.find('\n', at);
         if (at != std::string::npos && end != std::string::npos) url = text.substr(at + 13, end - at - 13);
-        return !url.empty() || emulator.exited();
+        // The settings file is written after the address is printed.
+        return (!url.empty() && text.find("controller settings written") != std::string::npos) || emulator.exited();
     });
     return url;
 }
