@@ -16,3 +16,12 @@ foreach(sanitizer IN LISTS RESTCLIENT_SANITIZE)
   add_compile_options(${flag} -fno-omit-frame-pointer)
   add_link_options(${flag})
 endforeach()
+# UBSan otherwise prints its report and carries on, and the test that made it passes.
+if("undefined" IN_LIST RESTCLIENT_SANITIZE)
+  add_compile_options(-fno-sanitize-recover=all)
+endif()
+
+# The fuzzers see coverage of all they reach; only they link libFuzzer itself (fuzz/).
+if(RESTCLIENT_FUZZ AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
