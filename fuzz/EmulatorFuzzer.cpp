@@ -9,6 +9,7 @@
 
 #include <boost/beast/http/parser.hpp>
 
+#include <optional>
 #include <string_view>
 
 namespace http = boost::beast::http;
@@ -55,8 +56,9 @@ bool internalError(Response const& reply)
 void forgetInput(CloudEmulator& cloud)
 {
     cloud.reset();
+    std::string const objects = "/storage/v1/accounts/" + cloud.config().accountId + "/objects/";
     for (auto const& object : cloud.objects()) {
-        Request remove{http::verb::delete_, "/storage/v1/accounts/" + cloud.config().accountId + "/objects/" + object.id, 11};
+        Request remove{http::verb::delete_, objects + object.id, 11};
         remove.set(http::field::authorization, std::string("Bearer ") + tavix::emulator::kDefaultToken);
         FUZZ_CHECK(cloud.handle(remove).result() == http::status::ok);
     }
