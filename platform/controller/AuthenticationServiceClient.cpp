@@ -10,6 +10,7 @@
 #include <curl/curl.h>
 #include <json/reader.h>
 
+#include <chrono>
 #include <climits>
 #include <ctime>
 #include <memory>
@@ -88,7 +89,9 @@ std::string refusalText(http::HttpResponse const& response)
     return line;
 }
 
-int authenticate(std::string const& appKey, std::string& message)
+constexpr std::chrono::milliseconds kCancelCheck{100};
+
+int authenticate(std::string const& appKey, std::string& message, std::function<bool()> const& cancelled)
 {
     error_code ec;
     std::string detail;
@@ -115,14 +118,26 @@ int authenticate(std::string const& appKey, std::string& message)
     request.payload("grant_type=client_credentials&client_id=" + formEncode(appKey));
 
     // A private loop on the calling thread: the exchange's time-outs bound the wait, and the
-    // loop runs dry once the single completion has run.
+    // loop runs dry once the single completion has run. It runs in slices so that a caller who
+    // gives up is heard.
     boost::asio::io_context io;
     http::HttpResponse response;
     error_code transport;
-    http::HttpClient client(io, [&](http::HttpResponse const& r, error_code const& e) { response = r, transport = e; });
+    bool done = false;
+    http::HttpClient client(io, [&](http::HttpResponse const& r, error_code const& e) {
+        response = r, transport = e, done = true;
+    });
     client.asyncRequest(request);
-    io.run();
-
+    while (!done && !io.stopped()) {
+        io.run_one_for(kCancelCheck);
+        if (!done && cancelled && cancelled()) {
+            // What is still in flight goes with the loop: its handlers are destroyed unrun.
+            client.close(true);
+            io.stop();
+            message = "Authentication cancelled.";
+            return int(boost::system::errc::operation_canceled);
+        }
+    }
     if (transport) {
         message = transport.message();
         return transport.value();
@@ -144,8 +159,14 @@ int authenticate(std::string const& appKey, std::string& message)
 
 int AuthenticationServiceClient::AuthenticateController(std::string const& appKey, std::string& message)
 {
+    return AuthenticateController(appKey, message, {});
+}
+
+int AuthenticationServiceClient::AuthenticateController(std::string const& appKey, std::string& message,
+                                                        std::function<bool()> const& cancelled)
+{
     try {
-        return authenticate(appKey, message);
+        return authenticate(appKey, message, cancelled);
     } catch (std::exception const& e) {
         message = std::string("Authentication failed: ") + e.what();
         return int(boost::system::errc::io_error);

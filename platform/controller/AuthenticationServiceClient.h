@@ -4,6 +4,7 @@
 
 #include <platform/Export.h>
 
+#include <functional>
 #include <string>
 
 namespace tavix::controller {
@@ -15,6 +16,10 @@ public:
     // the answer's "error_description", else "error", else the status line), or the code of a
     // transport or settings failure (message: its text).
     static int AuthenticateController(std::string const& appKey, std::string& message);
+    // The same, given up when `cancelled` returns true (asked at least every 100 ms): the request
+    // is closed and ECANCELED returned with "Authentication cancelled.".
+    static int AuthenticateController(std::string const& appKey, std::string& message,
+                                      std::function<bool()> const& cancelled);
 };
 
 } // namespace tavix::controller

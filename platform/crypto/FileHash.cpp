@@ -37,18 +37,17 @@ private:
 
 error_code lastError() { return {errno, boost::system::generic_category()}; }
 
-// The digest of the file's bytes, read in fixed-size chunks.
-std::string digest(std::string const& path, EVP_MD const* md, error_code& error)
+// The digest of the bytes left in `fd`, read in fixed-size chunks.
+std::string digest(int fd, EVP_MD const* md, error_code& error, std::function<bool()> const& cancelled)
 {
     std::unique_ptr<EVP_MD_CTX, Deleter> const context(EVP_MD_CTX_new());
-    File const file(path);
-    if (file.fd() < 0) return error = lastError(), std::string();
     if (!context || !EVP_DigestInit_ex(context.get(), md, nullptr)) {
         return error = make_error_code(boost::system::errc::not_enough_memory), std::string();
     }
     std::vector<unsigned char> chunk(64 * 1024);
     for (;;) {
-        ssize_t const got = ::read(file.fd(), chunk.data(), chunk.size());
+        if (cancelled && cancelled()) return error = make_error_code(boost::system::errc::operation_canceled), "";
+        ssize_t const got = ::read(fd, chunk.data(), chunk.size());
         if (got == 0) break;
         if (got < 0) {
             if (errno == EINTR) continue;
@@ -86,8 +85,8 @@ std::string hexLower(std::string const& bytes)
 
 } // namespace
 
-std::string computeFileHash(std::string const& path, std::string const& algorithm, error_code& error,
-                            CryptoEncoding encoding)
+std::string computeFileHash(int fd, std::string const& algorithm, error_code& error, CryptoEncoding encoding,
+                            std::function<bool()> const& cancelled)
 {
     error = {};
     std::unique_ptr<EVP_MD, Deleter> const md(EVP_MD_fetch(nullptr, algorithm.c_str(), nullptr));
@@ -95,7 +94,7 @@ std::string computeFileHash(std::string const& path, std::string const& algorith
         error = make_error_code(boost::system::errc::invalid_argument);
         return {};
     }
-    std::string const bytes = digest(path, md.get(), error);
+    std::string const bytes = digest(fd, md.get(), error, cancelled);
     if (error) return {};
     switch (encoding) {
     case Base64: return base64(bytes);
@@ -103,6 +102,14 @@ std::string computeFileHash(std::string const& path, std::string const& algorith
     case Binary: break;
     }
     return bytes;
+}
+
+std::string computeFileHash(std::string const& path, std::string const& algorithm, error_code& error,
+                            CryptoEncoding encoding)
+{
+    File const file(path);
+    if (file.fd() < 0) return error = lastError(), std::string();
+    return computeFileHash(file.fd(), algorithm, error, encoding, {});
 }
 
 } // namespace tavix::crypto

@@ -5,6 +5,7 @@
 
 #include <boost/system/error_code.hpp>
 
+#include <functional>
 #include <string>
 
 namespace tavix::crypto {
@@ -15,5 +16,10 @@ enum CryptoEncoding { Binary = 0, Base64 = 1, HexLower = 2 };
 // result is empty.
 TAVIX_EXPORT std::string computeFileHash(std::string const& path, std::string const& algorithm,
                                          boost::system::error_code& error, CryptoEncoding encoding);
+// The same over an open descriptor, from its current offset to its end (the caller keeps it
+// open and decides what it may be). Given up with `operation_canceled` when `cancelled`, asked
+// between chunks, returns true.
+TAVIX_EXPORT std::string computeFileHash(int fd, std::string const& algorithm, boost::system::error_code& error,
+                                         CryptoEncoding encoding, std::function<bool()> const& cancelled);
 
 } // namespace tavix::crypto

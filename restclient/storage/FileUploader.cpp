@@ -20,11 +20,14 @@ using detail::describeFailure;
 using detail::kUnauthorized;
 using detail::ServiceAddress;
 
-boost::recursive_mutex& FileUploader::s_mutexAuth = *new boost::recursive_mutex;
+boost::recursive_timed_mutex& FileUploader::s_mutexAuth = *new boost::recursive_timed_mutex;
 std::string& FileUploader::s_strAccountURL = *new std::string;
 std::int32_t FileUploader::s_tAccountURLExpire = 0;
 
 namespace {
+
+using AuthLock = boost::unique_lock<boost::recursive_timed_mutex>;
+constexpr auto kCancelCheck = boost::chrono::milliseconds(100);
 
 std::string restLocatorUrl()
 {
@@ -56,6 +59,13 @@ FileUploader::FileUploader(boost::filesystem::path const& file, std::string cons
         notifyFinished();
         return;
     }
+    // A FIFO or a device would block or never end the MD5 pass; a directory cannot be sent.
+    if (status.type() != boost::filesystem::regular_file) {
+        WORKER_LOG_ERROR("[FileUploader] File " << m_path << " is not a regular file.");
+        setError(45, "Not a regular file.");
+        notifyFinished();
+        return;
+    }
     m_thread = detail::startWorker(boost::bind(&FileUploader::WorkerThread, this), "FileUploader_worker");
 }
 
@@ -70,6 +80,37 @@ FileUploader::~FileUploader()
     }
     while (!m_thread->try_join_for(boost::chrono::seconds(5)))
         WORKER_LOG_DEBUG("[FileUploader] Waiting for worker thread to finish.");
+}
+
+void FileUploader::Cancel()
+{
+    {
+        boost::mutex::scoped_lock lock(m_mutex);
+        m_cancelled = true;
+        m_wake.notify_all();
+    }
+    // A REST wait in progress returns at once; the worker then sees the flag.
+    m_operation.Done(AsyncOperation::Failed);
+}
+
+bool FileUploader::pauseUnlessCancelled(std::chrono::seconds pause)
+{
+    boost::mutex::scoped_lock lock(m_mutex);
+    return !m_wake.wait_for(lock, boost::chrono::seconds(pause.count()), [this] { return cancelled(); });
+}
+
+bool FileUploader::lockAuth(AuthLock& lock) const
+{
+    lock = AuthLock(s_mutexAuth, boost::defer_lock);
+    while (!lock.try_lock_for(kCancelCheck))
+        if (cancelled()) return false;
+    return true;
+}
+
+void FileUploader::SetStallTimeout(std::chrono::seconds stall)
+{
+    boost::mutex::scoped_lock lock(m_mutex);
+    m_stallTimeout = stall;
 }
 
 void FileUploader::SetCACertFile(std::string const& file)
@@ -94,8 +135,16 @@ void FileUploader::WorkerThread()
 {
     // Nothing may leave the worker: an unexpected exception ends the chain as a failure.
     try {
-        if (GetAuthToken() && LocateAccountService() && GetStorageServiceURL() && GetUploadURL() && UploadFile())
+        auto const go = [this] { return !cancelled(); };
+        bool const uploaded = GetAuthToken() && go() && LocateAccountService() && go() && GetStorageServiceURL()
+            && go() && GetUploadURL() && go() && UploadFile();
+        if (uploaded) {
             WORKER_LOG_DEBUG("[FileUploader] File " << m_path << " successfully uploaded.");
+        } else if (cancelled()) {
+            // Whatever the step made of being cut short, the caller asked for it.
+            WORKER_LOG_INFO("[FileUploader] Upload of " << m_path << " cancelled.");
+            setError(49, "Upload cancelled.");
+        }
     } catch (std::exception const& e) {
         WORKER_LOG_ERROR("[FileUploader] Upload stopped by an unexpected error: " << e.what());
         setError(1, std::string("Unexpected error: ") + e.what());
@@ -131,6 +180,7 @@ AsyncOperation::Result FileUploader::waitForReply()
 {
     // A document handler throws on an answer of the wrong shape (an array for an object, say);
     // on this thread that is the step's failure, not the end of the host process.
+    if (cancelled()) return AsyncOperation::Failed;
     try {
         return m_operation.WaitUntilDone(m_io);
     } catch (std::exception const& e) {
@@ -174,7 +224,8 @@ void FileUploader::setStepFailure(int code, std::string const& message)
 
 bool FileUploader::GetAuthToken()
 {
-    boost::recursive_mutex::scoped_lock lock(s_mutexAuth);
+    AuthLock lock;
+    if (!lockAuth(lock)) return false;
     controller::OAuthHelper& store = controller::OAuthHelper::Instance();
     controller::AuthTokenPtr token = store.GetAuthToken(m_appKey);
     if (token && std::time(nullptr) < token->GetIssued() + token->GetDuration()) {
@@ -185,7 +236,8 @@ bool FileUploader::GetAuthToken()
     s_tAccountURLExpire = 0;
     step = 1;
     std::string message;
-    int const code = controller::AuthenticationServiceClient::AuthenticateController(m_appKey, message);
+    int const code =
+        controller::AuthenticationServiceClient::AuthenticateController(m_appKey, message, [this] { return cancelled(); });
     if (code != 0) {
         WORKER_LOG_ERROR("[FileUploader] Unable to acquire auth token for app key " << m_appKey << ". Error code: "
                                                                                    << code << " " << message);
@@ -211,7 +263,8 @@ bool FileUploader::GetAuthToken()
 
 void FileUploader::MarkAuthTokenExpired()
 {
-    boost::recursive_mutex::scoped_lock lock(s_mutexAuth);
+    AuthLock lock;
+    if (!lockAuth(lock)) return;
     controller::AuthTokenPtr const token = controller::OAuthHelper::Instance().GetAuthToken(m_appKey);
     if (!token) {
         WORKER_LOG_WARN("[FileUploader] Unable to get auth token while trying to mark it as expired.");
@@ -225,7 +278,8 @@ void FileUploader::MarkAuthTokenExpired()
 
 bool FileUploader::LocateAccountService()
 {
-    boost::recursive_mutex::scoped_lock lock(s_mutexAuth);
+    AuthLock lock;
+    if (!lockAuth(lock)) return false;
     std::time_t const now = std::time(nullptr);
     WORKER_LOG_DEBUG("[FileUploader] Checking if we should get URL to Account service. time(NULL): "
                      << now << " s_tAccountURLExpire: " << s_tAccountURLExpire);
@@ -271,7 +325,8 @@ bool FileUploader::LocateAccountService()
 void FileUploader::handleLocationResponse(locator::LocationResponse response, veltrun::TavixErrorResponse error,
                                           unsigned int status, boost::system::error_code const& ec)
 {
-    boost::recursive_mutex::scoped_lock lock(s_mutexAuth);
+    AuthLock lock;
+    if (!lockAuth(lock)) return m_operation.Done(AsyncOperation::Failed);
     if (!ec && status == 200) {
         locator::Endpoint const& endpoint = response.endpoint;
         if (endpoint.endPointURLType.value == "PROXY") {
@@ -306,7 +361,8 @@ bool FileUploader::GetStorageServiceURL()
 {
     ServiceAddress account;
     {
-        boost::recursive_mutex::scoped_lock lock(s_mutexAuth);
+        AuthLock lock;
+        if (!lockAuth(lock)) return false;
         if (!account.parse(s_strAccountURL)) {
             WORKER_LOG_ERROR("[FileUploader] Unable to parse URL to Account service.");
             setError(23, "Unable to parse URL to Account service.");

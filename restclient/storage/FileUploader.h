@@ -5,8 +5,11 @@
 // The caller reads the public fields while the object lives (or waits with `WaitFinished`, or
 // passes a callback); the destructor blocks until the worker is done. Step 6 with error code 0
 // means success. Error codes are grouped in tens by step: 1x locate, 2x Storage URL, 3x upload
-// URL, 4x transfer; other values are the authentication service's, a request's, an errno or a
-// libcurl code.
+// URL, 4x the file and its transfer; other values are the authentication service's, a request's,
+// an errno, a libcurl code or the transfer's HTTP status. The uploader's own refusals (none of
+// them retried) are 44 an upload URL that is not http or https, 45 not a regular file, 46 a file
+// changed since its MD5 was taken, 47 settings unreadable and 48 a proxy unusable at the transfer,
+// 49 cancelled.
 #pragma once
 
 #include <restclient/AsyncOperation.h>
@@ -21,6 +24,7 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/mutex.hpp>
+#include <boost/thread/locks.hpp>
 #include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
 
@@ -51,13 +55,22 @@ public:
                  Finished onFinished);
     FileUploader(FileUploader const&) = delete;
     FileUploader& operator=(FileUploader const&) = delete;
-    // Joins the worker, logging every 5 seconds while it still runs; there is no cancellation.
+    // Joins the worker, logging every 5 seconds while it still runs; it does not cancel (call
+    // Cancel first to end promptly).
     ~FileUploader();
+
+    // Asks the worker to stop: it ends within about a second at whatever it is doing (a REST
+    // wait, the token request, the MD5 pass, the transfer, the pause between attempts) with 49
+    // "Upload cancelled.", unless the upload was already complete. Any thread; returns at once.
+    void Cancel();
 
     // The CA bundle for the transfer; takes effect for a transfer not yet begun. Empty: the
     // default "/etc/openvpn/ca-bundle.crt".
     void SetCACertFile(std::string const& file);
     std::string GetCACertFile() const;
+    // A transfer attempt that moves no byte for this long fails like any transfer error and is
+    // tried again (default 60 s); takes effect for a transfer not yet begun.
+    void SetStallTimeout(std::chrono::seconds stall);
 
     // Blocks until the step is 6 or `timeout` has passed; true when finished.
     bool WaitFinished(std::chrono::milliseconds timeout) const;
@@ -72,6 +85,16 @@ private:
     bool GetUploadURL();
     bool UploadFile();
     void MarkAuthTokenExpired();
+
+    // One attempt of the transfer: true on 200; `retry` tells whether a failure is worth another.
+    bool sendOnce(bool& retry);
+    // The MD5 pass over the regular file, remembering its size and time for the transfer.
+    bool hashFile(std::string& md5);
+    bool cancelled() const { return m_cancelled; }
+    // Sleeps `pause` unless cancelled meanwhile; false when cancelled.
+    bool pauseUnlessCancelled(std::chrono::seconds pause);
+    // Takes s_mutexAuth, giving up when the upload is cancelled meanwhile (false).
+    bool lockAuth(boost::unique_lock<boost::recursive_timed_mutex>& lock) const;
 
     void handleLocationResponse(locator::LocationResponse response, veltrun::TavixErrorResponse error,
                                 unsigned int status, boost::system::error_code const& ec);
@@ -129,8 +152,18 @@ private:
     Finished m_onFinished;
     mutable boost::condition_variable m_finished;
 
-    // Re-entrant: the locate step holds it while its handler and retry take it again.
-    static boost::recursive_mutex& s_mutexAuth;
+    std::atomic<bool> m_cancelled{false};
+    boost::condition_variable m_wake;  // ends the pause between attempts on Cancel
+    std::chrono::seconds m_stallTimeout{60};
+    // The file as the MD5 pass saw it; the transfer refuses a file that differs.
+    struct Seen {
+        std::int64_t size = -1;  // -1: the MD5 pass could not read it
+        std::int64_t mtimeNs = 0;
+    } m_hashed;
+
+    // Re-entrant: the locate step holds it while its handler and retry take it again. Timed, so
+    // that a cancelled upload does not wait for another's token request.
+    static boost::recursive_timed_mutex& s_mutexAuth;
     static std::string& s_strAccountURL;
     static std::int32_t s_tAccountURLExpire;
 };

@@ -24,8 +24,10 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <future>
 #include <iostream>
@@ -48,7 +50,16 @@ std::string const kToken = emulator::kDefaultToken;
 std::size_t const kBigFile = 16 << 20;  // well past what the socket buffers take in while the peer holds
 
 enum class Tls { untrusted, otherName, expired, wantsClientCertificate };
-enum class Transfer { none, olderProtocol, expiredUrl, truncated, grown, deleted };
+enum class Transfer {
+    none, olderProtocol, expiredUrl, truncated, grown, deleted,
+    scheme,            // the store hands out a URL of another scheme (Peer::what)
+    upperCaseHttps,    // "HTTPS://": the CA bundle must still apply
+    notRegular,        // the file is a FIFO, a device or a directory (Peer::what)
+    stallAfter1MB,     // the target takes 1 MB of the body, then nothing
+    grownBeforeRetry,  // the first PUT fails; the file grows before the retry
+    fifoBeforeRetry,   // the first PUT fails; the file is replaced by a FIFO before the retry
+    cancelInToken, cancelInLocate, cancelInHash, cancelInTransfer, cancelInPause,
+};
 
 // How the peer misbehaves.
 struct Peer {
@@ -59,11 +70,15 @@ struct Peer {
     Tls certificate = Tls::untrusted;  // tls: what it shows
     Transfer change = Transfer::none;
     std::string token = kToken;   // the bearer token the clients hold
+    std::string what{};           // transfer: the scheme, or the kind of special file
 };
 Peer raw(std::string reply, After after = After::close) { return {Peer::raw, std::move(reply), after}; }
 Peer tls(Tls certificate) { return {Peer::tls, {}, After::close, true, certificate}; }
 Peer kind(Peer::Kind kind) { return {kind}; }
-Peer transfer(Transfer change) { return {Peer::transfer, {}, After::close, false, Tls::untrusted, change}; }
+Peer transfer(Transfer change, std::string what = {})
+{
+    return {Peer::transfer, {}, After::close, false, Tls::untrusted, change, kToken, std::move(what)};
+}
 Peer withToken(Peer peer, std::string token) { return peer.token = std::move(token), peer; }
 
 std::string answer(std::string const& statusLine, std::string const& contentType, std::string const& body)
@@ -98,6 +113,15 @@ struct Upload {
     std::string message;
 };
 Upload const kLocateFailed{12, "Unable to locate Account service"};
+Upload const kNotRegular{45, "Not a regular file."};
+Upload const kChanged{46, "File changed since its MD5 was taken."};
+Upload const kCancelled{49, "Upload cancelled."};
+Upload refusedScheme(std::string const& scheme)
+{
+    return {44, "Upload failed. The upload URL's scheme is not http or https: " + scheme + "."};
+}
+// A cancelled upload ends within this of the Cancel call, at whatever step it was.
+constexpr auto kCancelBound = 2s;
 
 struct Row {
     std::string name;
@@ -105,6 +129,7 @@ struct Row {
     std::optional<Rest> rest;      // unset: not run against the REST caller
     std::optional<Upload> upload;  // unset: not run against the uploader
     bool nothingSent = false;      // a raw peer sees no connection at all
+    std::optional<std::chrono::milliseconds> within{};  // transfer: the end comes this soon after the start
 };
 
 // Checks `done` every few milliseconds until it holds (true) or `kBound` has passed (false).
@@ -178,12 +203,31 @@ std::vector<Row> rows()
         {"token carrying CR/LF", withToken(raw(endpoint("REST")), "abc\r\nX-Injected: yes"),
          Rest{is(boost::system::errc::invalid_argument)}, kLocateFailed, true},
         {"expired pre-signed URL", transfer(Transfer::expiredUrl), {}, Upload{403, "Upload failed. Response code: 403"}},
-        {"file truncated during the transfer", transfer(Transfer::truncated), {},
-         Upload{400, "Upload failed. Response code: 400"}},
+        // The first attempt stops where the file ends; the retry sees the file changed.
+        {"file truncated during the transfer", transfer(Transfer::truncated), {}, kChanged},
         {"file grown during the transfer", transfer(Transfer::grown), {}, Upload{0, ""}},
         {"file deleted during the transfer", transfer(Transfer::deleted), {}, Upload{0, ""}},
         // libcurl takes the old setting as the lowest version it accepts: a current one is agreed on.
         {"older protocol on an HTTPS upload", transfer(Transfer::olderProtocol), {}, Upload{0, ""}},
+        {"file grown before a retried PUT", transfer(Transfer::grownBeforeRetry), {}, kChanged},
+        {"file replaced by a FIFO before a retried PUT", transfer(Transfer::fifoBeforeRetry), {}, kNotRegular},
+        {"upload URL of scheme file", transfer(Transfer::scheme, "file"), {}, refusedScheme("file")},
+        {"upload URL of scheme ftp", transfer(Transfer::scheme, "ftp"), {}, refusedScheme("ftp")},
+        {"upload URL of scheme scp", transfer(Transfer::scheme, "scp"), {}, refusedScheme("scp")},
+        {"upload URL of scheme gopher", transfer(Transfer::scheme, "gopher"), {}, refusedScheme("gopher")},
+        {"upload URL of scheme dict", transfer(Transfer::scheme, "dict"), {}, refusedScheme("dict")},
+        {"upload URL of scheme HTTPS, upper case", transfer(Transfer::upperCaseHttps), {}, Upload{0, ""}},
+        {"a FIFO as the file", transfer(Transfer::notRegular, "fifo"), {}, kNotRegular},
+        {"a character device as the file", transfer(Transfer::notRegular, "/dev/zero"), {}, kNotRegular},
+        {"a directory as the file", transfer(Transfer::notRegular, "directory"), {}, kNotRegular},
+        // Three attempts of 2 s without a byte, 10 s apart.
+        {"transfer stalls after 1 MB", transfer(Transfer::stallAfter1MB), {},
+         Upload{28, "Upload failed. curl_easy_perform() failed: Timeout was reached"}},
+        {"cancelled in the token request", transfer(Transfer::cancelInToken), {}, kCancelled, false, kCancelBound},
+        {"cancelled waiting for the Locator", transfer(Transfer::cancelInLocate), {}, kCancelled, false, kCancelBound},
+        {"cancelled in the MD5 pass", transfer(Transfer::cancelInHash), {}, kCancelled, false, kCancelBound},
+        {"cancelled in the transfer", transfer(Transfer::cancelInTransfer), {}, kCancelled, false, kCancelBound},
+        {"cancelled between attempts", transfer(Transfer::cancelInPause), {}, kCancelled, false, kCancelBound},
     };
 }
 
@@ -300,11 +344,12 @@ protected:
 
     // Each uploader its own key: a new token, so that the Account URL cached process-wide by the
     // previous row is looked up afresh.
-    std::unique_ptr<FileUploader> startUpload(fs::path const& file, std::string const& caFile = {})
+    std::unique_ptr<FileUploader> startUpload(fs::path const& file, std::string const& caFile = {},
+                                              FileUploader::Finished finished = {})
     {
         auto uploader = std::make_unique<FileUploader>(file, "proj/" + file.filename().string(), "log",
                                                        std::map<std::string, std::string>{},
-                                                       "fault-key-" + std::to_string(++m_keys));
+                                                       "fault-key-" + std::to_string(++m_keys), std::move(finished));
         uploader->SetCACertFile(caFile);
         return uploader;
     }
@@ -352,12 +397,19 @@ protected:
     struct TransferRun {
         Row const* row;
         std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
-        std::optional<std::chrono::steady_clock::time_point> end;
+        std::atomic<std::chrono::steady_clock::rep> end{0};  // set by the uploader as it finishes
+        FileUploader::Finished finished()
+        {
+            return [this](FileUploader const&) { end = std::chrono::steady_clock::now().time_since_epoch().count(); };
+        }
         // First, so that it goes last: a worker still running then is cut off from its peers
         // and ends, instead of holding the destructor.
         std::unique_ptr<FileUploader> uploader;
         std::unique_ptr<emulator::CloudEmulator> cloud;
         std::unique_ptr<RawPeer> peer;
+        std::unique_ptr<emulator::HttpServer> tlsPeer;
+        // What the run must leave as it was: " [...]" when it did not.
+        std::function<std::string()> untouched = [] { return std::string(); };
     };
 
     // Starts the row's upload and, for a file that changes, changes it while the peer holds the
@@ -374,13 +426,25 @@ protected:
             run->cloud = std::make_unique<emulator::CloudEmulator>(config);
             writeSettings(run->cloud->baseUrl(), run->cloud->tokenUrl(),
                           "client_cert_file = " + certs::client() + "\ndisable_tls = true\n");
-            run->uploader = startUpload(makeFile("tls.txt", "some bytes"), certs::ca());
+            run->uploader = startUpload(makeFile("tls.txt", "some bytes"), certs::ca(), run->finished());
         } else if (change == Transfer::expiredUrl) {
             emulator::EmulatorConfig config;
             config.signedUrlLifetime = -60s;
             run->cloud = std::make_unique<emulator::CloudEmulator>(config);
             writeSettings(run->cloud->baseUrl(), run->cloud->tokenUrl());
-            run->uploader = startUpload(makeFile("expired.txt", "some bytes"));
+            run->uploader = startUpload(makeFile("expired.txt", "some bytes"), {}, run->finished());
+        } else if (change == Transfer::scheme) {
+            startRefusedScheme(*run, row.peer.what);
+        } else if (change == Transfer::upperCaseHttps) {
+            run->tlsPeer = std::make_unique<emulator::HttpServer>(
+                [](emulator::Request const&) { return emulator::Response(boost::beast::http::status::ok, 11); },
+                certs::trustedServer());
+            scriptUploadUrl(fmt::format("HTTPS://127.0.0.1:{}/blobs/upper", run->tlsPeer->port()));
+            run->uploader = startUpload(makeFile("upper.txt", "some bytes"), certs::ca(), run->finished());
+        } else if (change == Transfer::notRegular) {
+            run->uploader = startUpload(specialFile(row.peer.what), {}, run->finished());
+        } else if (change >= Transfer::cancelInToken) {
+            startCancelled(*run, change);
         } else {
             startChangingFile(*run, change);
         }
@@ -388,11 +452,105 @@ protected:
         return run;
     }
 
+    // The store's answer hands out `url`; the chain's other services are the emulator's.
+    void scriptUploadUrl(std::string const& url, std::string const& tokenUrl = {})
+    {
+        Json::Value store;
+        store["url"] = url;
+        cloud.scriptReply({200, store.toStyledString(), "application/json", "/files"});
+        writeSettings(cloud.baseUrl(), tokenUrl.empty() ? cloud.tokenUrl() : tokenUrl);
+    }
+
+    // Nothing may be reached: neither a peer at the URL's address nor the local file it names.
+    void startRefusedScheme(TransferRun& run, std::string const& scheme)
+    {
+        run.peer = std::make_unique<RawPeer>("", After::close);
+        fs::path const victim = makeFile("victim-" + scheme + ".txt", "keep me");
+        scriptUploadUrl(scheme == "file" ? "file://" + victim.string()
+                                         : fmt::format("{}://127.0.0.1:{}/blobs/x", scheme, run.peer->port()));
+        RawPeer* peer = run.peer.get();
+        run.untouched = [peer, victim] {
+            std::ifstream in(victim.string());
+            std::string const content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            return std::string(peer->connections() ? " [peer reached]" : "") + (content != "keep me" ? " [file written]" : "");
+        };
+        run.uploader = startUpload(makeFile("refused-" + scheme + ".txt", "some bytes"), {}, run.finished());
+    }
+
+    fs::path specialFile(std::string const& what) const
+    {
+        if (what == "fifo") {
+            fs::path const fifo = dir / "fifo";
+            ::mkfifo(fifo.c_str(), 0600);
+            return fifo;
+        }
+        if (what == "directory") return dir;
+        return what;
+    }
+
+    // Starts an upload and cancels it once it has reached the row's point; the row's time runs
+    // from the Cancel call to the uploader's end.
+    void startCancelled(TransferRun& run, Transfer change)
+    {
+        fs::path file = makeFile("cancelled-" + std::to_string(static_cast<int>(change)) + ".bin", "some bytes");
+        std::function<bool()> reached = [&run] { return run.peer->connections() > 0; };
+        if (change == Transfer::cancelInToken) {
+            run.peer = std::make_unique<RawPeer>("", After::hold);
+            writeSettings(cloud.baseUrl(), fmt::format("http://127.0.0.1:{}/oauth/token", run.peer->port()));
+        } else if (change == Transfer::cancelInLocate) {
+            run.peer = std::make_unique<RawPeer>("", After::hold);
+            writeSettings(fmt::format("http://127.0.0.1:{}", run.peer->port()), cloud.tokenUrl());
+        } else if (change == Transfer::cancelInHash) {
+            // Sparse: nothing on disk, yet many seconds of hashing.
+            fs::resize_file(file, std::uintmax_t(16) << 30);
+            writeSettings(cloud.baseUrl(), cloud.tokenUrl());
+            reached = [&run] { return run.uploader->step == 4; };
+        } else if (change == Transfer::cancelInTransfer) {
+            file = makeFile("cancelled-transfer.bin", std::string(kBigFile, 'x'));
+            run.peer = std::make_unique<RawPeer>([](RawPeer::Connection& connection, int) {
+                if (!connection.readHead().empty()) connection.waitUntilClosed();
+            });
+            scriptUploadUrl(fmt::format("http://127.0.0.1:{}/blobs/held", run.peer->port()));
+            reached = [&run] { return run.uploader->step == 5 && run.uploader->bytesSent > 0; };
+        } else {
+            run.peer = std::make_unique<RawPeer>(answer("503 Service Unavailable", "text/plain", ""), After::close);
+            scriptUploadUrl(fmt::format("http://127.0.0.1:{}/blobs/busy", run.peer->port()));
+            reached = [&run] { return run.uploader->errorCode == 503; };
+        }
+        run.uploader = startUpload(file, {}, run.finished());
+        pollUntil([&] { return reached() || run.uploader->step == 6; });
+        run.uploader->Cancel();
+        run.start = std::chrono::steady_clock::now();
+    }
+
     // The Storage service hands out the peer's address; the peer takes the body only when it is
     // the file as it was, and holds the first attempt's body back until the file has changed.
     void startChangingFile(TransferRun& run, Transfer change)
     {
         auto const content = std::make_shared<std::string>(kBigFile, 'x');
+        fs::path const file = makeFile("changing-" + std::to_string(static_cast<int>(change)) + ".bin", *content);
+        if (change == Transfer::stallAfter1MB || change == Transfer::grownBeforeRetry
+            || change == Transfer::fifoBeforeRetry) {
+            run.peer = std::make_unique<RawPeer>([=](RawPeer::Connection& connection, int) {
+                if (connection.readHead().empty()) return;
+                if (change == Transfer::stallAfter1MB) {
+                    if (connection.readBody(1 << 20)) connection.waitUntilClosed();
+                    return;
+                }
+                if (!connection.readBody(kBigFile)) return;
+                if (change == Transfer::grownBeforeRetry) {
+                    std::ofstream(file.string(), std::ios::app) << "more";
+                } else {
+                    fs::remove(file);
+                    ::mkfifo(file.c_str(), 0600);
+                }
+                connection.send(answer("503 Service Unavailable", "text/plain", ""));
+            });
+            scriptUploadUrl(fmt::format("http://127.0.0.1:{}/blobs/changing", run.peer->port()));
+            run.uploader = startUpload(file, {}, run.finished());
+            if (change == Transfer::stallAfter1MB) run.uploader->SetStallTimeout(2s);
+            return;
+        }
         auto const held = std::make_shared<std::atomic<bool>>(false);
         auto const release = std::make_shared<std::promise<void>>();
         std::shared_future<void> released = release->get_future().share();
@@ -408,12 +566,8 @@ protected:
             connection.send(*body == *content ? answer("200 OK", "text/plain", "")
                                               : answer("400 Bad Request", "text/plain", "not the file"));
         });
-        Json::Value store;
-        store["url"] = fmt::format("http://127.0.0.1:{}/blobs/changing", run.peer->port());
-        cloud.scriptReply({200, store.toStyledString(), "application/json", "/files"});
-        writeSettings(cloud.baseUrl(), cloud.tokenUrl());
-        fs::path const file = makeFile("changing-" + std::to_string(static_cast<int>(change)) + ".bin", *content);
-        run.uploader = startUpload(file);
+        scriptUploadUrl(fmt::format("http://127.0.0.1:{}/blobs/changing", run.peer->port()));
+        run.uploader = startUpload(file, {}, run.finished());
         pollUntil([&] { return *held && run.uploader->bytesSent > 0; });
         if (change == Transfer::truncated) fs::resize_file(file, 1000);
         if (change == Transfer::grown) std::ofstream(file.string(), std::ios::app) << std::string(1 << 20, 'y');
@@ -476,24 +630,34 @@ TEST_F(FaultMatrix, EveryRowEndsWithItsDocumentedOutcome)
     for (Row const& row : table)
         if (row.peer.kind == Peer::transfer) transfers.push_back(startTransfer(row));
     pollUntil([&] {
-        bool all = true;
-        for (auto& run : transfers) {
-            if (!run->end && run->uploader->step == 6) run->end = std::chrono::steady_clock::now();
-            all = all && run->end;
-        }
-        return all;
+        return std::all_of(transfers.begin(), transfers.end(), [](auto const& run) { return run->end != 0; });
     });
     for (auto& run : transfers) {
+        Row const& row = *run->row;
         Upload got{run->uploader->step, "still running"};
-        if (run->end) got = {run->uploader->errorCode, run->uploader->errorMessage};
-        results.push_back(record(*run->row, "uploader", describe(*run->row->upload), describe(got),
-                                 matches(*run->row->upload, got), run->start, run->end.value_or(run->start + kBound)));
+        auto end = run->start + kBound;
+        if (run->end) {
+            got = {run->uploader->errorCode, run->uploader->errorMessage};
+            end = std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(run->end));
+        }
+        std::string const touched = run->untouched();
+        bool const inTime = !row.within || end - run->start <= *row.within;
+        std::string expected = describe(*row.upload);
+        if (row.within) expected += fmt::format(" within {} ms", row.within->count());
+        results.push_back(record(row, "uploader", expected, describe(got) + touched,
+                                 matches(*row.upload, got) && touched.empty() && inTime, run->start, end));
     }
     transfers.clear();
 
     print(results);
     for (Result const& r : results)
         EXPECT_TRUE(r.passed) << r.row << " (" << r.subject << "): got " << r.got;
+
+    // None of it has left the process unable to upload.
+    writeSettings(cloud.baseUrl(), cloud.tokenUrl());
+    auto const uploader = startUpload(makeFile("after.txt", "after the matrix"));
+    ASSERT_TRUE(uploader->WaitFinished(kBound));
+    EXPECT_EQ(uploader->errorCode, 0) << uploader->errorMessage;
 }
 
 } // namespace

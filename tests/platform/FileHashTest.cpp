@@ -3,7 +3,11 @@
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <fstream>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace tavix::crypto {
 namespace {
@@ -65,6 +69,19 @@ TEST_F(FileHashTest, FailuresSetTheErrorAndGiveNothing)
         EXPECT_EQ(computeFileHash(c.path, c.algorithm, error, c.encoding), "") << c.path;
         EXPECT_EQ(error, make_error_code(c.expected)) << c.path << " " << c.algorithm;
     }
+}
+
+TEST_F(FileHashTest, DescriptorFromItsOffsetAndCancellable)
+{
+    int const fd = ::open(file("d", "xabc").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::read(fd, std::array<char, 1>().data(), 1), 1);
+    boost::system::error_code error;
+    EXPECT_EQ(computeFileHash(fd, "md5", error, HexLower, {}), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_FALSE(error);
+    EXPECT_EQ(computeFileHash(fd, "md5", error, HexLower, [] { return true; }), "");
+    EXPECT_EQ(error, make_error_code(boost::system::errc::operation_canceled));
+    ::close(fd);
 }
 
 } // namespace

@@ -4,9 +4,11 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 namespace tavix::testing {
@@ -64,6 +66,13 @@ void RawPeer::Connection::holdUntilClosed()
 {
     char buffer[4096];
     while (::recv(m_fd, buffer, sizeof buffer, 0) > 0) {
+    }
+}
+
+void RawPeer::Connection::waitUntilClosed()
+{
+    pollfd hangUp{m_fd, POLLRDHUP, 0};
+    while (::poll(&hangUp, 1, -1) < 0 && errno == EINTR) {
     }
 }
 

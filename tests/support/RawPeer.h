@@ -29,6 +29,8 @@ public:
         void reset();
         // Reads and drops whatever comes until the client closes.
         void holdUntilClosed();
+        // Reads nothing more, until the client closes: what it still sends stays in the window.
+        void waitUntilClosed();
 
     private:
         int m_fd;
