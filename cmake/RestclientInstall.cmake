@@ -14,15 +14,11 @@ if(CMAKE_OBJCOPY)
   install(FILES $<TARGET_FILE:tavixplatform>.debug $<TARGET_FILE:restclient>.debug
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/.debug COMPONENT debug EXCLUDE_FROM_ALL)
 endif()
-# Internals (the transport's pieces, request set-up helpers) stay out of the install.
+# Internals live in detail/ folders and stay out of the install; the installed-package check
+# compiles every installed header on its own, so none can reach one.
 install(DIRECTORY restclient platform DESTINATION ${RESTCLIENT_INCLUDE_DIR}
   FILES_MATCHING PATTERN "*.h"
-  PATTERN "detail" EXCLUDE
-  PATTERN "Connection.h" EXCLUDE
-  PATTERN "Exchange.h" EXCLUDE
-  PATTERN "ProxyTunnel.h" EXCLUDE
-  PATTERN "TlsContextCache.h" EXCLUDE
-  PATTERN "ErrorCategories.h" EXCLUDE)
+  PATTERN "detail" EXCLUDE)
 install(EXPORT restclientTargets NAMESPACE restclient:: DESTINATION ${RESTCLIENT_CMAKE_DIR})
 
 configure_package_config_file(cmake/restclientConfig.cmake.in

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the build, stripped, into a scratch prefix, then builds a consumer against it through
 # the CMake package (finding jsoncpp before and after it) and through pkg-config, and has each
-# upload a file to the installed emulator.
+# upload a file to the installed emulator; then compiles every installed header on its own.
 # Usage: check-installed-package.sh <build-dir> <consumer-dir>
 set -eu
 build=$1
@@ -46,3 +46,18 @@ pcdir=$(dirname "$(find "$prefix" -name restclient.pc | head -n 1)")
 # shellcheck disable=SC2046
 c++ -std=c++17 "$consumer/main.cpp" -o "$prefix/consumer-pc" $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs restclient)
 LD_LIBRARY_PATH=$libdir "$prefix/consumer-pc" "$prefix/file.bin"
+
+# Every installed header compiles on its own with the package's flags, so none can need a header
+# that is not installed.
+cflags=$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags restclient)
+headers=$(cd "$prefix/include/restclient" && find . -name '*.h' | sed 's#^\./##' | sort)
+export cflags
+# shellcheck disable=SC2016
+echo "$headers" | xargs -P 2 -I{} sh -c \
+  'printf "#include <%s>\n" "$1" | c++ -std=c++17 -fsyntax-only $cflags -x c++ - || { echo "installed header $1 does not compile on its own" >&2; exit 255; }' \
+  sh {}
+echo "$(echo "$headers" | wc -l) installed headers compile on their own"
+if find "$prefix/include" -path '*/detail/*' | grep -q .; then
+  echo "an internal header was installed" >&2
+  exit 1
+fi

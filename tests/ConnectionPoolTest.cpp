@@ -12,6 +12,9 @@
 
 #include <thread>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 namespace tavix::net::http {
 namespace {
 
@@ -111,9 +114,13 @@ TEST_P(ConnectionPoolTest, ReuseTurnedOffClosesEveryConnectionButResumesTheSessi
 TEST_P(ConnectionPoolTest, ChangedTlsSettingsTakeEffectOnTheNextRequest)
 {
     expectOk(request());
-    // The CA bundle replaced, as a re-provisioning does: same contents, a new file.
+    // The CA bundle replaced as `rsync -t` does: same contents and time stamp, a new file.
     std::string const next = caCopy + ".next";
     fs::copy_file(testing::certs::ca(), next, fs::copy_options::overwrite_existing);
+    struct stat old {};
+    ASSERT_EQ(::stat(caCopy.c_str(), &old), 0);
+    timespec const times[2] = {old.st_atim, old.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, next.c_str(), times, 0), 0);
     fs::rename(next, caCopy);
     expectOk(request());
     // Plain http has no TLS settings to change: the connection is still the one.

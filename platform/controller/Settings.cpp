@@ -1,5 +1,6 @@
 #include <platform/controller/Settings.h>
 
+#include <platform/detail/FileIdentity.h>
 #include <platform/net/http/ProxyChoice.h>
 
 #include <boost/algorithm/string/case_conv.hpp>
@@ -65,22 +66,6 @@ int readWhole(std::string const& file, std::string& text)
     return error;
 }
 
-// What identifies one version of the settings file.
-struct FileStatus {
-    std::string path;
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    timespec modified{};
-
-    bool operator==(FileStatus const& other) const
-    {
-        return std::tie(path, device, inode, size, modified.tv_sec, modified.tv_nsec) ==
-               std::tie(other.path, other.device, other.inode, other.size, other.modified.tv_sec,
-                        other.modified.tv_nsec);
-    }
-};
-
 struct LoadResult {
     Settings settings;
     boost::system::error_code ec;
@@ -124,28 +109,24 @@ std::string Settings::path()
 
 Settings Settings::load(boost::system::error_code& ec, std::string* detail)
 {
-    static std::mutex mutex;
-    static FileStatus cachedStatus;
-    static LoadResult cached;
+    // Never destroyed: a worker may still read the settings while the process exits.
+    struct Cache {
+        std::mutex mutex;
+        detail::FileIdentity identity;
+        LoadResult result;
+    };
+    static Cache& cache = *new Cache;
 
-    FileStatus status{path()};
-    struct stat info {};
-    // Only a regular file is worth remembering: anything else is read (and refused) each time.
-    bool const stable = ::stat(status.path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
-    if (stable) {
-        status.device = info.st_dev;
-        status.inode = info.st_ino;
-        status.size = info.st_size;
-        status.modified = info.st_mtim;
+    detail::FileIdentity const identity = detail::FileIdentity::of(path());
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    // Anything but a regular file is read (and refused) each time.
+    if (!identity.regular || identity != cache.identity) {
+        cache.result = loadFile(identity.path);
+        cache.identity = identity.regular ? identity : detail::FileIdentity{};
     }
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!stable || !(status == cachedStatus)) {
-        cached = loadFile(status.path);
-        cachedStatus = stable ? status : FileStatus{};
-    }
-    ec = cached.ec;
-    if (detail && ec) *detail = cached.detail;
-    return cached.settings;
+    ec = cache.result.ec;
+    if (detail && ec) *detail = cache.result.detail;
+    return cache.result.settings;
 }
 
 Settings Settings::parse(std::string const& text, boost::system::error_code& ec, std::string* detail)

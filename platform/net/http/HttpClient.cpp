@@ -1,13 +1,13 @@
-#include <platform/net/http/ErrorCategories.h>
+#include <platform/net/http/detail/ErrorCategories.h>
 
 #include <platform/net/http/HttpClient.h>
 
 #include <platform/controller/Settings.h>
-#include <platform/net/http/Connection.h>
-#include <platform/net/http/ConnectionPool.h>
-#include <platform/net/http/Exchange.h>
+#include <platform/net/http/detail/Connection.h>
+#include <platform/net/http/detail/ConnectionPool.h>
+#include <platform/net/http/detail/Exchange.h>
 #include <platform/net/http/ProxyChoice.h>
-#include <platform/net/http/TlsContextCache.h>
+#include <platform/net/http/detail/TlsContextCache.h>
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>

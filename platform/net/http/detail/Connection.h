@@ -6,7 +6,7 @@
 // time-out or a close never races an operation even when several threads run the io_context.
 #pragma once
 
-#include <platform/net/http/TlsContextCache.h>
+#include <platform/net/http/detail/TlsContextCache.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/io_context_strand.hpp>

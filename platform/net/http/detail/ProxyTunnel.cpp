@@ -1,6 +1,6 @@
-#include <platform/net/http/ErrorCategories.h>
+#include <platform/net/http/detail/ErrorCategories.h>
 
-#include <platform/net/http/ProxyTunnel.h>
+#include <platform/net/http/detail/ProxyTunnel.h>
 
 #include <platform/net/http/ProxyChoice.h>
 

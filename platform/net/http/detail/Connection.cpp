@@ -1,6 +1,6 @@
-#include <platform/net/http/ErrorCategories.h>
+#include <platform/net/http/detail/ErrorCategories.h>
 
-#include <platform/net/http/Connection.h>
+#include <platform/net/http/detail/Connection.h>
 
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/ip/address.hpp>

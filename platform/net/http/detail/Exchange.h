@@ -5,8 +5,8 @@
 // completion once) even when its client is gone.
 #pragma once
 
-#include <platform/net/http/Connection.h>
-#include <platform/net/http/ConnectionPool.h>
+#include <platform/net/http/detail/Connection.h>
+#include <platform/net/http/detail/ConnectionPool.h>
 #include <platform/net/http/HttpClient.h>
 #include <platform/net/http/ProxyChoice.h>
 

@@ -3,7 +3,7 @@
 // end to end with the origin; the proxy sees only the origin's name and port.
 #pragma once
 
-#include <platform/net/http/Connection.h>
+#include <platform/net/http/detail/Connection.h>
 
 #include <boost/system/error_code.hpp>
 

@@ -1,4 +1,4 @@
-#include <platform/net/http/ConnectionPool.h>
+#include <platform/net/http/detail/ConnectionPool.h>
 
 #include <atomic>
 

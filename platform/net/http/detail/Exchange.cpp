@@ -1,8 +1,8 @@
-#include <platform/net/http/ErrorCategories.h>
+#include <platform/net/http/detail/ErrorCategories.h>
 
-#include <platform/net/http/Exchange.h>
+#include <platform/net/http/detail/Exchange.h>
 
-#include <platform/net/http/ProxyTunnel.h>
+#include <platform/net/http/detail/ProxyTunnel.h>
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/post.hpp>

@@ -4,7 +4,7 @@
 // the idle time-out is therefore checked when the pool is used, not by a timer.
 #pragma once
 
-#include <platform/net/http/Connection.h>
+#include <platform/net/http/detail/Connection.h>
 #include <platform/net/http/HttpClient.h>
 
 #include <boost/asio/execution_context.hpp>

@@ -1,6 +1,8 @@
-#include <platform/net/http/ErrorCategories.h>
+#include <platform/net/http/detail/ErrorCategories.h>
 
-#include <platform/net/http/TlsContextCache.h>
+#include <platform/net/http/detail/TlsContextCache.h>
+
+#include <platform/detail/FileIdentity.h>
 
 #include <sys/stat.h>
 
@@ -14,27 +16,6 @@ namespace ssl = boost::asio::ssl;
 using boost::system::error_code;
 
 namespace {
-
-// A file named in the settings, with its change time, so that a file replaced in place (a
-// re-provisioned device) is noticed too.
-struct FileStamp {
-    std::string path;
-    std::time_t changed = 0;
-    long changedNs = 0;
-
-    explicit FileStamp(std::string const& file) : path(file)
-    {
-        struct stat info {};
-        if (!path.empty() && ::stat(path.c_str(), &info) == 0) {
-            changed = info.st_mtim.tv_sec;
-            changedNs = info.st_mtim.tv_nsec;
-        }
-    }
-    bool operator==(FileStamp const& other) const
-    {
-        return std::tie(path, changed, changedNs) == std::tie(other.path, other.changed, other.changedNs);
-    }
-};
 
 // A device talks to a handful of services: more peers than this means something is off, and
 // forgetting them all costs only full handshakes.
@@ -82,21 +63,25 @@ void TlsClientContext::remember(SSL* ssl, std::string const& peer)
 std::shared_ptr<TlsClientContext> sharedTlsContext(std::string const& caFile, std::string const& clientCertFile,
                                                    error_code& ec)
 {
-    static std::mutex mutex;
-    static std::shared_ptr<TlsClientContext> cached;
-    static FileStamp cachedCa{""}, cachedCert{""};
+    // Never destroyed: a worker may still make a connection while the process exits.
+    struct Cache {
+        std::mutex mutex;
+        std::shared_ptr<TlsClientContext> context;
+        detail::FileIdentity ca, cert;
+    };
+    static Cache& cache = *new Cache;
 
-    FileStamp const ca(caFile), cert(clientCertFile);
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!cached || !(ca == cachedCa) || !(cert == cachedCert)) {
+    auto const ca = detail::FileIdentity::of(caFile), cert = detail::FileIdentity::of(clientCertFile);
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    if (!cache.context || ca != cache.ca || cert != cache.cert) {
         auto fresh = build(caFile, clientCertFile, ec);
         if (!fresh) return nullptr;
-        cached = std::move(fresh);
-        cachedCa = ca;
-        cachedCert = cert;
+        cache.context = std::move(fresh);
+        cache.ca = ca;
+        cache.cert = cert;
     }
     ec = {};
-    return cached;
+    return cache.context;
 }
 
 } // namespace tavix::net::http
