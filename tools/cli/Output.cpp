@@ -17,6 +17,7 @@ char const* const kExitStatusHelp =
     "  4  the service answered with an error document (status other than 200) or a malformed answer\n"
     "  5  the upload failed (the uploader's error code and message on stderr)\n"
     "  6  the controller could not be authenticated\n"
+    "  130, 143  an upload or download interrupted by SIGINT or SIGTERM (partial files removed)\n"
     "Failures print the library's error code and message on stderr.";
 
 namespace {

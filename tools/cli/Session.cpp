@@ -7,9 +7,12 @@
 #include <platform/controller/AuthenticationServiceClient.h>
 #include <platform/controller/OAuthHelper.h>
 
+#include <boost/algorithm/string/trim.hpp>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
 #include <unistd.h>
 
 namespace tavix::cli {
@@ -31,6 +34,7 @@ Session::~Session()
 
 Exit Session::begin()
 {
+    if (Exit const e = readToken(); e != ok) return e;
     if (!options.config.empty()) ::setenv("TAVIX_CONTROLLER_CONFIG", options.config.c_str(), 1);
     boost::system::error_code ec;
     std::string detail;
@@ -48,6 +52,27 @@ Exit Session::begin()
     apply(options.caFile, m_settings.caFile);
     apply(options.clientCert, m_settings.clientCertFile);
     return changed ? writeSettingsCopy() : ok;
+}
+
+// A token on the command line is in the process list for every local user to read while the
+// tool runs; a file or the environment keeps it to the user.
+Exit Session::readToken()
+{
+    if (!options.tokenFile.empty()) {
+        std::ifstream file(options.tokenFile);
+        std::string line;
+        if (!file) return fail(badUsage, "cannot read a token from " + options.tokenFile);
+        std::getline(file, line);
+        boost::algorithm::trim(line);
+        if (line.empty()) return fail(badUsage, "the token file " + options.tokenFile + " holds no token");
+        options.token = line;
+    } else if (!options.token.empty()) {
+        std::cerr << "restclient: warning: --token is visible to every local user in the process list; "
+                     "use --token-file or RESTCLIENT_TOKEN\n";
+    } else if (char const* fromEnv = std::getenv("RESTCLIENT_TOKEN"); fromEnv && *fromEnv) {
+        options.token = fromEnv;
+    }
+    return ok;
 }
 
 // The library reads its settings from the file that TAVIX_CONTROLLER_CONFIG names, so the flags

@@ -22,7 +22,8 @@ struct Options {
     std::string config;  // the settings file; empty: TAVIX_CONTROLLER_CONFIG or its default
     std::string locatorUrl, authUrl, caFile, clientCert;  // over the settings file's values
     std::string accountUrl, storageUrl, geoUrl, httpliteUrl;  // instead of asking the services
-    std::string token;
+    std::string token;      // --token, else the first line of --token-file, else $RESTCLIENT_TOKEN
+    std::string tokenFile;
     std::string appKey = kDefaultAppKey;
     double progressSeconds = 5;  // between plain progress lines when stderr is not a terminal
 };
@@ -46,7 +47,7 @@ public:
     Session& operator=(Session const&) = delete;
     ~Session();
 
-    // Reads the settings file; when flags change settings the library reads itself (endpoints,
+    // Takes the token from its source; reads the settings file; when flags change settings the library reads itself (endpoints,
     // CA, client certificate), points it at a private copy with the flags applied.
     Exit begin();
     controller::Settings const& settings() const { return m_settings; }
@@ -69,6 +70,7 @@ public:
     boost::asio::io_context io;
 
 private:
+    Exit readToken();
     Exit writeSettingsCopy();
 
     controller::Settings m_settings;

@@ -39,7 +39,10 @@ int main(int argc, char** argv)
     app.add_option("--storage-url", o.storageUrl, "Storage service URL of the account")->group(services);
     app.add_option("--geo-url", o.geoUrl, "geo service URL")->group(services);
     app.add_option("--httplite-url", o.httpliteUrl, "httplite registration service URL")->group(services);
-    app.add_option("--token", o.token, "bearer token (default: authenticate with the app key)");
+    app.add_option("--token", o.token, "bearer token (visible to other users: prefer --token-file or "
+                                       "$RESTCLIENT_TOKEN; default: authenticate with the app key)");
+    app.add_option("--token-file", o.tokenFile, "a file whose first line is the bearer token")
+        ->excludes("--token");
     app.add_option("--app-key", o.appKey, "application key to authenticate with")->capture_default_str();
     app.add_flag("--json", session.out.json, "print the decoded document (or the error document) as JSON");
     bool verbose = false;
