@@ -1,6 +1,7 @@
 #include <platform/controller/AuthenticationServiceClient.h>
 
 #include <platform/controller/OAuthHelper.h>
+#include <platform/logger/Logger.h>
 #include <platform/controller/Settings.h>
 #include <platform/net/http/HttpClient.h>
 
@@ -9,6 +10,7 @@
 #include <boost/beast/http/status.hpp>
 #include <curl/curl.h>
 #include <json/reader.h>
+#include <openssl/ssl.h>
 
 #include <chrono>
 #include <climits>
@@ -156,6 +158,13 @@ int authenticate(std::string const& appKey, std::string& message, std::function<
 }
 
 } // namespace
+
+void AuthenticationServiceClient::PrepareForExitHandlers()
+{
+    OPENSSL_init_ssl(0, nullptr);
+    if (!Logger::hasBeenInitialized()) Logger::initialize();
+    OAuthHelper::Instance();
+}
 
 int AuthenticationServiceClient::AuthenticateController(std::string const& appKey, std::string& message)
 {

@@ -20,6 +20,9 @@ public:
     // is closed and ECANCELED returned with "Authentication cancelled.".
     static int AuthenticateController(std::string const& appKey, std::string& message,
                                       std::function<bool()> const& cancelled);
+    // Sets up now what a token request uses and exit tears down (OpenSSL, the logger, the token
+    // store), so that an exit handler registered afterwards runs before their clean-up.
+    static void PrepareForExitHandlers();
 };
 
 } // namespace tavix::controller

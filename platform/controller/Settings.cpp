@@ -92,7 +92,8 @@ LoadResult loadFile(std::string const& file)
 
 boost::system::error_category const& settings_category()
 {
-    static SettingsCategory const category;
+    // Never destroyed: an error made while the process exits still has its category.
+    static SettingsCategory const& category = *new SettingsCategory;
     return category;
 }
 

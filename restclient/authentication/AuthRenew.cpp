@@ -6,6 +6,9 @@
 #include <platform/controller/AuthenticationServiceClient.h>
 #include <platform/controller/OAuthHelper.h>
 
+#include <boost/thread/locks.hpp>
+
+#include <atomic>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
@@ -21,17 +24,18 @@ namespace {
 
 constexpr long kRenewMarginSeconds = 59;
 
-// The worker outlives main(), but once exit() has begun it must not touch what static
-// destruction tears down (log4cplus's context, first of all). An atexit handler, registered
-// after those libraries were loaded and so run before their teardown, waits for a pass in
-// progress and keeps the worker from beginning another.
-boost::mutex& s_exitGate = *new boost::mutex;
-bool s_exiting = false;  // guarded by s_exitGate
+// The worker outlives main(), but once exit() has begun it must not touch what exit tears down.
+// The handler below is registered after OpenSSL, the logger and the token store are set up, so
+// it runs before their clean-up (the caches a pass reads are never destroyed). It gives up a
+// token request in flight (within 100 ms), waits at most a second for the pass to let go of the
+// gate, and then keeps the gate: the worker never begins another pass.
+boost::timed_mutex& s_exitGate = *new boost::timed_mutex;
+std::atomic<bool> s_exiting{false};
 
 void closeExitGate()
 {
-    boost::mutex::scoped_lock gate(s_exitGate);
     s_exiting = true;
+    s_exitGate.try_lock_for(boost::chrono::seconds(1));
 }
 
 // The keys whose token is missing or expired by more than the margin; the caller holds the lock.
@@ -56,7 +60,9 @@ std::vector<std::string> keysToRenew(std::map<std::string, int> const& keys)
 void renew(std::string const& key)
 {
     std::string message;
-    int const code = controller::AuthenticationServiceClient::AuthenticateController(key, message);
+    int const code =
+        controller::AuthenticationServiceClient::AuthenticateController(key, message, [] { return s_exiting.load(); });
+    if (s_exiting) return;
     if (code == 0) {
         WORKER_LOG_INFO("[AuthRenew] Acquired new auth token for app key " << key << ".");
     } else {
@@ -71,6 +77,7 @@ AuthRenew::AuthRenew(std::string const& appKey) : m_appKey(appKey)
 {
     boost::mutex::scoped_lock lock(s_mutex);
     if (!s_threadWorker) {
+        controller::AuthenticationServiceClient::PrepareForExitHandlers();
         std::atexit(closeExitGate);
         s_threadWorker = detail::startWorker(&AuthRenew::WorkerThread, "AuthRenew");
         // Never joined: detached, so that its end during exit leaves nothing behind.
@@ -103,13 +110,13 @@ bool AuthRenew::IsDue(controller::AuthToken const* token, std::time_t now)
 void AuthRenew::WorkerThread()
 {
     {
-        boost::mutex::scoped_lock gate(s_exitGate);
+        boost::unique_lock<boost::timed_mutex> gate(s_exitGate);
         if (s_exiting) return;
         WORKER_LOG_DEBUG("[AuthRenew] Starting worker thread.");
     }
     for (;;) {
         boost::this_thread::sleep_for(boost::chrono::seconds(10));
-        boost::mutex::scoped_lock gate(s_exitGate);
+        boost::unique_lock<boost::timed_mutex> gate(s_exitGate);
         if (s_exiting) return;
         // A failed pass is tried again on the next one; nothing may end the worker.
         try {

@@ -3,7 +3,8 @@
 // stopped, wakes every 10 seconds and authenticates the controller for every watched key whose
 // token is missing or expired by more than 59 seconds. Tokens reach their users (the file
 // uploader among them) through the controller's token store. A process that exits while a
-// pass is running waits for the pass to end; the worker begins none after that.
+// pass is running gives up its token request (exit waits at most a second for it); the worker
+// begins no pass after that.
 #pragma once
 
 #include <restclient/Export.h>

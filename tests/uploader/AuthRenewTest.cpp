@@ -1,11 +1,15 @@
 #include <restclient/authentication/AuthRenew.h>
 
+#include <tests/support/RawPeer.h>
+#include <tests/support/ScopedControllerConfig.h>
+
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <optional>
+#include <thread>
 
 namespace tavix::restclient::authentication {
 namespace {
@@ -71,6 +75,27 @@ TEST(AuthRenew, ProcessWithARenewerExitsCleanly)
             ::testing::ExitedWithCode(0), "");
     }
     boost::filesystem::remove(properties);
+}
+
+// A renewal in flight against an auth service that never answers is given up at exit, not
+// waited for to its one-minute time-out; under the sanitizers, nothing used after exit freed it.
+TEST(AuthRenew, ExitDuringARenewalIsQuick)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    tavix::testing::RawPeer silent("", tavix::testing::RawPeer::After::hold);
+    tavix::testing::ScopedControllerConfig config{
+        "auth_url = http://127.0.0.1:" + std::to_string(silent.port()) + "/oauth/token\n"};
+    auto const start = std::chrono::steady_clock::now();
+    EXPECT_EXIT(
+        {
+            static AuthRenew renewer("renewing-at-exit");
+            // The first pass begins 10 s after the worker.
+            for (int i = 0; i < 3000 && silent.connections() == 0; ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            std::exit(silent.connections() == 0 ? 3 : 0);
+        },
+        ::testing::ExitedWithCode(0), "");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
 }
 
 } // namespace

@@ -103,7 +103,8 @@ bool nameMatches(std::string name, std::string pattern)
 
 boost::system::error_category const& proxy_category()
 {
-    static ProxyCategory const category;
+    // Never destroyed: an error made while the process exits still has its category.
+    static ProxyCategory const& category = *new ProxyCategory;
     return category;
 }
 

@@ -38,7 +38,8 @@ std::string part(CURLU* handle, CURLUPart which, unsigned int flags = 0)
 
 boost::system::error_category const& url_category()
 {
-    static UrlCategory const category;
+    // Never destroyed: an error made while the process exits still has its category.
+    static UrlCategory const& category = *new UrlCategory;
     return category;
 }
 
