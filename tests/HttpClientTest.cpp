@@ -1,11 +1,15 @@
 #include <platform/net/http/HttpClient.h>
 
 #include <platform/controller/Settings.h>
+#include <tests/support/IssuedCertificate.h>
 #include <tests/support/Loopback.h>
+#include <tests/support/RawPeer.h>
 #include <tests/support/ScopedControllerConfig.h>
 #include <tests/support/TestCerts.h>
 #include <tools/emulator/HttpServer.h>
 
+#include <boost/asio/ssl/error.hpp>
+#include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -192,6 +196,19 @@ protected:
     ScopedControllerConfig config{"ca_file = " + testing::certs::ca() + "\n"};
 };
 
+// The handshake is part of connecting: a peer that takes the connection and never answers the
+// TLS hello is given up at the connect time-out, long before the exchange's.
+TEST_F(HttpClientTlsTest, AHandshakeNeverAnsweredEndsAtTheConnectTimeOut)
+{
+    testing::RawPeer silent("", testing::RawPeer::After::hold);
+    auto const start = std::chrono::steady_clock::now();
+    Outcome const outcome =
+        exchange(request("https://127.0.0.1:" + std::to_string(silent.port()) + "/"), ClientOptions{300ms, 10s});
+    EXPECT_EQ(outcome.ec, beast::error::timeout) << outcome.ec.message();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    EXPECT_EQ(silent.connections(), 1);
+}
+
 TEST_F(HttpClientTlsTest, OnlyTheConfiguredCaIsTrustedAndTheClientCertificateIsPresented)
 {
     for (std::string const& url : {server.baseUrl() + "/", localhost}) {
@@ -216,6 +233,34 @@ TEST_F(HttpClientTlsTest, OnlyTheConfiguredCaIsTrustedAndTheClientCertificateIsP
     EXPECT_TRUE(untrusted.ec);
     EXPECT_EQ(untrusted.response.status(), 0u);
     EXPECT_TRUE(server.requests().empty());
+}
+
+// The peer's name is checked, not only its CA: a certificate for "localhost" alone is good for
+// https://localhost and refused for https://127.0.0.1, although the same CA signed it.
+TEST(HttpClientHostName, TheCertificateMustNameTheHostAsTheUrlDoes)
+{
+    auto const dir = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("hostname-%%%%");
+    boost::filesystem::create_directories(dir);
+    emulator::HttpServer server([](emulator::Request const&) { return emulator::Response(beast::http::status::ok, 11); },
+                                testing::certs::issueServerCertificate(dir.string(), "named", "DNS:localhost", -1h, 24h));
+    ScopedControllerConfig config{"ca_file = " + testing::certs::ca() + "\n"};
+    auto fetch = [](std::string const& url) {
+        boost::asio::io_context io;
+        boost::system::error_code result = boost::asio::error::would_block;
+        HttpClient client(io, [&](HttpResponse const&, boost::system::error_code const& ec) { result = ec; });
+        HttpRequest request;
+        boost::system::error_code parsed;
+        request.url(Url::createUrl(url, parsed));
+        client.asyncRequest(request);
+        io.run();
+        return result;
+    };
+    std::string const port = std::to_string(server.port());
+    EXPECT_FALSE(fetch("https://localhost:" + port + "/")) << "the name the certificate carries";
+    boost::system::error_code const byAddress = fetch("https://127.0.0.1:" + port + "/");
+    EXPECT_EQ(byAddress.category(), boost::asio::error::get_ssl_category()) << byAddress.message();
+    EXPECT_EQ(server.requests().size(), 1u);
+    boost::filesystem::remove_all(dir);
 }
 
 } // namespace

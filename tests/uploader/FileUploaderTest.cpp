@@ -116,6 +116,27 @@ TEST_F(UploaderTest, ValidTokenInTheStoreIsUsedWithoutAuthenticating)
     }
 }
 
+// The Account URL is trusted as long as the token it was found with: once that token has
+// expired, a token someone else put in the store meanwhile does not keep the old URL alive.
+TEST_F(UploaderTest, CachedAccountUrlExpiresWithItsToken)
+{
+    auto& store = controller::OAuthHelper::Instance();
+    std::time_t const issued = std::time(nullptr) - 10;
+    std::string const shortLived = "short-lived-token";
+    cloud.acceptToken(shortLived);
+    store.SetAuthToken(kAppKey, shortLived, "Bearer", "", issued, 11);
+    expectOutcome(*upload(), 0, "");
+    EXPECT_EQ(requestsTo("/locations/ACCOUNT"), 1u);
+
+    while (std::time(nullptr) <= issued + 11) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    store.SetAuthToken(kAppKey, cloud.issueToken(), "Bearer", "", std::time(nullptr), 3600);
+    expectOutcome(*upload(), 0, "");
+    EXPECT_EQ(requestsTo("/locations/ACCOUNT"), 2u);
+    expectOutcome(*upload(), 0, "");
+    EXPECT_EQ(requestsTo("/locations/ACCOUNT"), 2u) << "cached while the new token lives";
+    EXPECT_EQ(cloud.tokenRequests(), 0u);
+}
+
 TEST_F(UploaderTest, DebugLogShowsTheTimeoutRuleAndTheReauthentication)
 {
     fs::path const log = dir / "uploader.log";
