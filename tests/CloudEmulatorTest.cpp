@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace tavix::emulator {
 namespace {
 
@@ -121,9 +124,46 @@ TEST(CloudEmulator, ScriptedRepliesAndControlInterface)
     Reply seen = call(cloud, verb::get, "/_emulator/requests", {}, {});
     ASSERT_EQ(seen.json["requests"].size(), 3u) << seen.body;
     EXPECT_EQ(seen.json["requests"][1]["target"], "/s/accounts/1001/files");
+    // The control route is no way around the token's masking.
+    EXPECT_EQ(seen.body.find(kDefaultToken), std::string::npos) << seen.body;
+    EXPECT_NE(seen.body.find("\"Bearer emulator-*****\""), std::string::npos) << seen.body;
     EXPECT_EQ(call(cloud, verb::post, "/_emulator/fault", R"({"kind": "sideways"})", {}).status, 400u);
     EXPECT_EQ(call(cloud, verb::post, "/_emulator/reset", {}, {}).status, 200u);
     EXPECT_TRUE(cloud.serviceRequests().empty());
+}
+
+// Nobody else reads what it keeps, nor hands it a directory to keep it in.
+TEST(CloudEmulator, KeepsItsDataPrivate)
+{
+    auto const mode = [](boost::filesystem::path const& path) {
+        struct stat info {};
+        return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 0777 : 0u;
+    };
+    boost::filesystem::path const data = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path();
+    EmulatorConfig config;
+    config.dataDirectory = data.string();
+    {
+        CloudEmulator cloud(config);
+        Reply const stored = call(cloud, verb::post, "//storage/v1/accounts/1001/files", storeBody);
+        ASSERT_EQ(upload(stored.json["url"].asString(), "private body").status, 200u);
+        EXPECT_EQ(mode(data), 0700u);
+        EXPECT_EQ(mode(data / "signing.key"), 0600u);
+        for (boost::filesystem::directory_iterator it(data / "objects"), end; it != end; ++it)
+            EXPECT_EQ(mode(it->path()), 0600u) << it->path();
+    }
+    ::chmod(data.c_str(), 0777);
+    EXPECT_THROW(CloudEmulator{config}, std::runtime_error) << "writable by others";
+    if (::geteuid() == 0) {
+        ::chmod(data.c_str(), 0700);
+        ASSERT_EQ(::chown(data.c_str(), 65534, 65534), 0);
+        try {
+            CloudEmulator refused(config);
+            ADD_FAILURE() << "a directory of another user was taken";
+        } catch (std::runtime_error const& e) {
+            EXPECT_NE(std::string(e.what()).find("belongs to another user"), std::string::npos) << e.what();
+        }
+    }
+    boost::filesystem::remove_all(data);
 }
 
 } // namespace

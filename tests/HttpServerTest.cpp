@@ -8,6 +8,7 @@
 #include <fstream>
 #include <future>
 #include <iterator>
+#include <thread>
 
 namespace tavix::emulator {
 namespace {
@@ -95,6 +96,43 @@ TEST_F(HttpServerTest, ExpectContinueIsAnsweredBeforeTheBody)
     EXPECT_EQ(connection.nextHead(), "HTTP/1.1 100 Continue\r\n\r\n");
     connection.send("body");
     EXPECT_NE(connection.rest().find("got 4"), std::string::npos);
+}
+
+TEST_F(HttpServerTest, CapturedRequestsStayWithinTheirLimitsTheOldestGoingFirst)
+{
+    server.setCaptureLimits({3, 10});
+    std::string const post = "POST /n HTTP/1.1\r\nContent-Length: 5\r\n\r\n12345";
+    sendRaw(server.port(), post + post + post + post + get);
+    auto requests = server.requests();
+    ASSERT_EQ(requests.size(), 3u);
+    EXPECT_EQ(requests[0].body, "12345");
+    EXPECT_EQ(requests[2].method, "GET");
+
+    sendRaw(server.port(), "POST /big HTTP/1.1\r\nContent-Length: 25\r\nConnection: close\r\n\r\n" + std::string(25, 'b'));
+    requests = server.requests();
+    ASSERT_EQ(requests.size(), 2u) << "the bodies' bytes within 10: the two older bodies went";
+    EXPECT_EQ(requests[0].method, "GET");
+    EXPECT_EQ(requests.back().body, std::string(10, 'b'));
+    EXPECT_EQ(requests.back().bodySize, 25u);
+}
+
+// A client that sends nothing, or stops sending, loses the connection; one that sends slowly
+// but steadily is served.
+TEST_F(HttpServerTest, ReadTimeOutClosesSilentAndStalledClients)
+{
+    server.setReadTimeout(300ms);
+    auto const start = std::chrono::steady_clock::now();
+    EXPECT_EQ(sendRaw(server.port(), ""), "");
+    EXPECT_EQ(sendRaw(server.port(), "POST / HTTP/1.1\r\nContent-Length: 10\r\n\r\nabc"), "");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+
+    calls::RawConnection slow(server.port());
+    slow.send("POST / HTTP/1.1\r\nContent-Length: 6\r\nConnection: close\r\n\r\n");
+    for (char c : std::string("abcdef")) {
+        std::this_thread::sleep_for(100ms);
+        slow.send(std::string(1, c));
+    }
+    EXPECT_NE(slow.rest().find("got 6"), std::string::npos);
 }
 
 TEST(HttpServerLifetime, TheDestructorReturnsWithSilentConnectionsOpen)

@@ -4,6 +4,8 @@
 // never touches log4cplus after it has been torn down.
 #pragma once
 
+#include <restclient/detail/MaskToken.h>
+
 #include <platform/logger/Logger.h>
 
 #include <log4cplus/logger.h>
@@ -21,14 +23,6 @@ inline bool debugEnabled()
 {
     tavix::Logger::Guard guard;
     return guard && workerLogger().isEnabledFor(log4cplus::DEBUG_LOG_LEVEL);
-}
-
-// The first 9 characters of a token, then one "*" for each further character.
-inline std::string maskToken(std::string const& token)
-{
-    constexpr std::size_t shown = 9;
-    if (token.size() <= shown) return token;
-    return token.substr(0, shown) + std::string(token.size() - shown, '*');
 }
 
 } // namespace tavix::restclient::detail

@@ -91,10 +91,4 @@ std::string describe(restclient::veltrun::TavixErrorResponse const& error)
 
 std::string describe(restclient::veltrun::BasicErrorResponse const& error) { return error.message.value; }
 
-std::string maskToken(std::string const& token)
-{
-    if (token.size() <= 9) return token;
-    return token.substr(0, 9) + std::string(token.size() - 9, '*');
-}
-
 } // namespace tavix::cli

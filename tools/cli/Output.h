@@ -65,7 +65,4 @@ Json::Value toJson(restclient::veltrun::BasicErrorResponse const& error);
 std::string describe(restclient::veltrun::TavixErrorResponse const& error);
 std::string describe(restclient::veltrun::BasicErrorResponse const& error);
 
-// A token as the uploader logs it: the first 9 characters, then one "*" per further character.
-std::string maskToken(std::string const& token);
-
 } // namespace tavix::cli

@@ -1,6 +1,8 @@
 #include <tools/cli/Blocking.h>
 #include <tools/cli/Commands.h>
 
+#include <restclient/detail/MaskToken.h>
+
 #include <restclient/account/AccountUserClient.h>
 #include <restclient/geo/GeoClient.h>
 #include <restclient/httplite/RegistrationClient.h>
@@ -25,7 +27,7 @@ Exit token(Session& session, std::string const& appKey)
     long const expires = record->GetIssued() + record->GetDuration();
     Json::Value document;
     document["appKey"] = appKey;
-    document["token"] = maskToken(record->GetToken());
+    document["token"] = restclient::detail::maskToken(record->GetToken());
     document["tokenType"] = record->GetTokenType();
     document["scope"] = record->GetScope();
     document["issued"] = storage::ISO8601Time(record->GetIssued());

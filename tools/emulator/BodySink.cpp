@@ -28,7 +28,7 @@ bool BodySink::open(std::string const& path, std::string& error)
         error = "MD5 is not available";
         return false;
     }
-    m_fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    m_fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (m_fd < 0) {
         error = path + ": " + std::strerror(errno);
         return false;

@@ -1,5 +1,7 @@
 #include <tools/emulator/Certificates.h>
 
+#include <tools/emulator/PrivateFiles.h>
+
 #include <boost/asio/ip/address.hpp>
 #include <boost/filesystem/operations.hpp>
 
@@ -129,8 +131,7 @@ std::string subjectAltNames(std::vector<std::string> const& names)
 
 CertificateSet makeCertificates(fs::path const& directory, std::vector<std::string> const& serverNames)
 {
-    fs::create_directories(directory);
-    fs::permissions(directory, fs::owner_all);
+    makePrivateDirectory(directory);
     CertificateSet set{directory / "ca.pem", directory / "server.pem", directory / "server-key.pem",
                        directory / "client.pem"};
     fs::path const caKeyPath = directory / "ca-key.pem";

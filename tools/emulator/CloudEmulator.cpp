@@ -1,5 +1,7 @@
 #include <tools/emulator/CloudEmulator.h>
 
+#include <tools/emulator/PrivateFiles.h>
+
 #include <tools/emulator/AccountRoutes.h>
 #include <tools/emulator/LocatorRoutes.h>
 
@@ -16,7 +18,7 @@ CloudEmulator::DataDirectory::DataDirectory(std::string const& configured)
 {
     if (temporary)
         path = fs::temp_directory_path() / fs::unique_path("restclient-emulator-%%%%-%%%%-%%%%");
-    fs::create_directories(path);
+    makePrivateDirectory(path);
 }
 
 CloudEmulator::DataDirectory::~DataDirectory()
@@ -47,6 +49,8 @@ CloudEmulator::CloudEmulator(EmulatorConfig config)
     }
     m_server = std::make_unique<HttpServer>([this](Request const& request) { return handle(request); }, tls,
                                             m_config.port, m_config.address);
+    m_server->setCaptureLimits(m_config.capture);
+    m_server->setReadTimeout(m_config.readTimeout);
     m_server->setBodyPlanner([this](http::request_header<> const& head) { return planBody(head); });
     m_server->setFaultSource([this](Request const& request) -> std::optional<Fault> {
         auto const segments = targetSegments(std::string(request.target()));

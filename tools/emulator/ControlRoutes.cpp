@@ -1,15 +1,30 @@
 // The control interface under /_emulator/, for scripts and the command-line tool:
 //   POST /_emulator/next-reply {"status": 401, "body": {...} or "text", "contentType": ..., "match": ...}
 //   POST /_emulator/fault {"kind": "delay" | "drop" | "silence", "ms": 500}
-//   GET  /_emulator/requests   the captured service requests
+//   GET  /_emulator/requests   the captured service requests, credentials masked
 //   POST /_emulator/reset      forget scripts, faults, captured requests and the registration
 //   POST /_emulator/token      issue a new bearer token
 //   POST /_emulator/faults     random faults from now on, in their text form ("drop=0.02,5xx=0.01,seed=7")
 //   GET  /_emulator/faults     {"faults": <text form>, "injected": {"drop": n, "stall": n, ...}}
 #include <tools/emulator/CloudEmulator.h>
 
+#include <restclient/detail/MaskToken.h>
+
+#include <boost/beast/core/string.hpp>
+
 namespace tavix::emulator {
 namespace {
+
+// Credentials as the library logs them: the scheme, then the token masked.
+std::string masked(std::string const& name, std::string const& value)
+{
+    if (!boost::beast::iequals(name, "Authorization") && !boost::beast::iequals(name, "Proxy-Authorization"))
+        return value;
+    std::string::size_type const space = value.find(' ');
+    if (space == std::string::npos)
+        return restclient::detail::maskToken(value);
+    return value.substr(0, space + 1) + restclient::detail::maskToken(value.substr(space + 1));
+}
 
 Json::Value requestDocument(CapturedRequest const& captured)
 {
@@ -20,10 +35,11 @@ Json::Value requestDocument(CapturedRequest const& captured)
     for (auto const& [name, value] : captured.headers) {
         Json::Value header(Json::arrayValue);
         header.append(name);
-        header.append(value);
+        header.append(masked(name, value));
         document["headers"].append(header);
     }
     document["body"] = captured.body;
+    document["bodySize"] = Json::UInt64(captured.bodySize);
     return document;
 }
 

@@ -71,6 +71,10 @@ struct EmulatorConfig {
     // Faults given at random from the start (none by default); changed later through the
     // control interface.
     RandomFaults randomFaults;
+    // What is kept of the requests it was sent, for tests and the control route.
+    CaptureLimits capture;
+    // A client that sends nothing (or stops sending) for this long loses its connection.
+    std::chrono::milliseconds readTimeout{30000};
 };
 
 // Overrides the members of `config` that `document` names (keys as the member names above, TLS

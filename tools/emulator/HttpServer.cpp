@@ -162,6 +162,19 @@ void HttpServer::setIdleTimeout(std::chrono::milliseconds timeout)
     m_impl->state.idleTimeout = timeout;
 }
 
+void HttpServer::setReadTimeout(std::chrono::milliseconds timeout)
+{
+    std::lock_guard<std::mutex> lock(m_impl->state.mutex);
+    m_impl->state.readTimeout = timeout;
+}
+
+void HttpServer::setCaptureLimits(CaptureLimits limits)
+{
+    std::lock_guard<std::mutex> lock(m_impl->state.mutex);
+    m_impl->state.captureLimits = limits;
+    m_impl->state.trimCaptured();
+}
+
 ConnectionCounts HttpServer::connectionCounts() const
 {
     std::lock_guard<std::mutex> lock(m_impl->state.mutex);
@@ -177,7 +190,7 @@ void HttpServer::setFaultSource(FaultSource source)
 std::vector<CapturedRequest> HttpServer::requests() const
 {
     std::lock_guard<std::mutex> lock(m_impl->state.mutex);
-    return m_impl->state.requests;
+    return {m_impl->state.requests.begin(), m_impl->state.requests.end()};
 }
 
 std::optional<CapturedRequest> HttpServer::lastRequest() const
@@ -191,6 +204,7 @@ void HttpServer::clearRequests()
 {
     std::lock_guard<std::mutex> lock(m_impl->state.mutex);
     m_impl->state.requests.clear();
+    m_impl->state.capturedBytes = 0;
 }
 
 } // namespace tavix::emulator

@@ -29,8 +29,9 @@ struct CapturedRequest {
     std::string method;
     std::string target;       // as sent: doubled slashes and query text untouched
     std::vector<std::pair<std::string, std::string>> headers;  // in the order sent
-    std::string body;         // empty when the body was streamed to a file
+    std::string body;         // empty when streamed to a file; cut short past the capture budget
     std::string clientCommonName{};  // CN of the TLS client certificate; empty when none was sent
+    std::size_t bodySize = 0;        // the body's whole length as received
 
     // The first header of that name (case-insensitive), or nullopt.
     std::optional<std::string> header(std::string const& name) const;
@@ -48,6 +49,17 @@ struct Fault {
     static Fault neverAnswer() { return {Kind::silence, {}, {}}; }  // hold the connection, say nothing
     static Fault rawReply(std::string bytes) { return {Kind::raw, {}, std::move(bytes)}; }
 };
+
+// How much of what it was sent the server keeps for inspection: the latest requests, their
+// bodies within a byte budget (a body larger than the whole budget is kept cut to it).
+struct CaptureLimits {
+    std::size_t requests = 1000;
+    std::size_t bodyBytes = 16 * 1024 * 1024;
+};
+
+// A handler's answer that carries this field has its body streamed from the file it names (in
+// constant memory) instead of its string body; the field itself is not sent.
+inline constexpr char const* kBodyFileField = "X-Emulator-Body-File";
 
 struct TlsFiles {
     std::string certificateChain;  // PEM
@@ -105,6 +117,10 @@ public:
     void setBodyLimit(std::size_t bytes);
     // A kept-alive connection that brings no new request within this time is closed (0: never).
     void setIdleTimeout(std::chrono::milliseconds timeout);
+    // A TLS handshake or a request head that takes longer than this, or a body that stops
+    // moving for this long, closes the connection (default 30 s).
+    void setReadTimeout(std::chrono::milliseconds timeout);
+    void setCaptureLimits(CaptureLimits limits);
 
     // Faults apply to the next requests, one each, in the order pushed.
     void pushFault(Fault fault);

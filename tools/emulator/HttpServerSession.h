@@ -15,6 +15,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <optional>
+#include <tuple>
 #include <deque>
 #include <limits>
 #include <mutex>
@@ -33,11 +35,30 @@ struct ServerState {
     mutable std::mutex mutex;
     std::deque<Fault> faults;
     HttpServer::FaultSource faultSource;
-    std::vector<CapturedRequest> requests;
+    std::deque<CapturedRequest> requests;
+    CaptureLimits captureLimits;
+    std::size_t capturedBytes = 0;
     HttpServer::BodyPlanner bodyPlanner;
     std::size_t bodyLimit = 64 * 1024 * 1024;
     ConnectionCounts counts;
     std::chrono::milliseconds idleTimeout{0};
+    std::chrono::milliseconds readTimeout{30000};
+
+    // Under the lock: keeps what was captured within its limits, the oldest going first.
+    void capture(CapturedRequest captured)
+    {
+        if (captured.body.size() > captureLimits.bodyBytes) captured.body.resize(captureLimits.bodyBytes);
+        capturedBytes += captured.body.size();
+        requests.push_back(std::move(captured));
+        trimCaptured();
+    }
+    void trimCaptured()
+    {
+        while (!requests.empty() && (requests.size() > captureLimits.requests || capturedBytes > captureLimits.bodyBytes)) {
+            capturedBytes -= requests.front().body.size();
+            requests.pop_front();
+        }
+    }
 
     std::optional<Fault> takeFault(Request const& request)
     {
@@ -111,7 +132,9 @@ public:
     void start()
     {
         if constexpr (isTls) {
+            closeAfter(readTimeout());
             m_stream.async_handshake(asio::ssl::stream_base::server, [self = this->shared_from_this()](error_code ec) {
+                self->m_timer.cancel();
                 if (ec) return self->socket().close();
                 self->countHandshake();
                 self->m_clientName = peerCommonName(self->m_stream.native_handle());
@@ -136,8 +159,24 @@ private:
         else return m_stream;
     }
 
-    void readHead()
+    std::chrono::milliseconds readTimeout() const
     {
+        std::lock_guard<std::mutex> lock(m_state.mutex);
+        return m_state.readTimeout;
+    }
+
+    // A peer that sends nothing, or stops sending, must not hold the connection for ever.
+    void closeAfter(std::chrono::milliseconds timeout)
+    {
+        m_timer.expires_after(timeout);
+        m_timer.async_wait([self = this->shared_from_this()](error_code ec) {
+            if (!ec) self->socket().close();
+        });
+    }
+
+    void readHead(std::optional<std::chrono::milliseconds> timeout = std::nullopt)
+    {
+        closeAfter(timeout.value_or(readTimeout()));
         m_head.emplace();
         // Checked against the server's limit once the head is in. (Not boost::none: Beast 1.74
         // compares a Content-Length with an unset limit as if the limit were zero.)
@@ -154,13 +193,7 @@ private:
             std::lock_guard<std::mutex> lock(m_state.mutex);
             idleTimeout = m_state.idleTimeout;
         }
-        if (idleTimeout.count() > 0) {
-            m_timer.expires_after(idleTimeout);
-            m_timer.async_wait([self = this->shared_from_this()](error_code ec) {
-                if (!ec) self->socket().close();
-            });
-        }
-        readHead();
+        readHead(idleTimeout.count() > 0 ? std::optional(idleTimeout) : std::nullopt);
     }
 
     void onHead(error_code ec)
@@ -237,8 +270,11 @@ private:
         }
         if (parser.is_done()) return onBody({});
         std::size_t const room = chunk > m_buffer.size() ? chunk - m_buffer.size() : chunk;
+        // Per read: a slow body that moves is fine, one that stops is not.
+        closeAfter(readTimeout());
         m_stream.async_read_some(m_buffer.prepare(room),
                                  [self = this->shared_from_this(), &parser, chunk](error_code ec, std::size_t n) {
+                                     self->m_timer.cancel();
                                      self->m_buffer.commit(n);
                                      if (ec == asio::error::eof) {
                                          parser.put_eof(ec);
@@ -299,9 +335,10 @@ private:
             captured.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
         }
         captured.body = request.body();
+        captured.bodySize = request.body().size();
         captured.clientCommonName = m_clientName;
         std::lock_guard<std::mutex> lock(m_state.mutex);
-        m_state.requests.push_back(std::move(captured));
+        m_state.capture(std::move(captured));
     }
 
     void answer(Request request)
@@ -316,9 +353,36 @@ private:
         response.version(request.version());
         bool const keepAlive = request.keep_alive() && response.keep_alive();
         response.keep_alive(keepAlive);
+        if (auto const file = response.find(kBodyFileField); file != response.end()) {
+            std::string const path(file->value());
+            response.erase(kBodyFileField);
+            if (request.method() != http::verb::head) return sendFile(std::move(response), path, keepAlive);
+        }
         if (!response.has_content_length() && !response.chunked()) response.prepare_payload();
         if (request.method() == http::verb::head) response.body().clear();
         send(std::move(response), keepAlive);
+    }
+
+    // The answer's head with the file as its body, read in pieces as the socket takes them.
+    void sendFile(Response const& head, std::string const& path, bool keepAlive)
+    {
+        http::file_body::value_type body;
+        error_code ec;
+        body.open(path.c_str(), boost::beast::file_mode::scan, ec);
+        if (ec) return replyAndClose(http::status::internal_server_error);
+        m_fileResponse.emplace(std::piecewise_construct, std::make_tuple(std::move(body)),
+                               std::make_tuple(head.result(), head.version()));
+        for (auto const& field : head) {
+            if (field.name() != http::field::content_length) m_fileResponse->set(field.name_string(), field.value());
+        }
+        m_fileResponse->keep_alive(keepAlive);
+        m_fileResponse->prepare_payload();
+        http::async_write(m_stream, *m_fileResponse, [self = this->shared_from_this(), keepAlive](error_code ec, std::size_t) {
+            self->m_fileResponse.reset();
+            if (ec) return self->socket().close();
+            if (keepAlive) return self->readNextHead();
+            self->closeGracefully();
+        });
     }
 
     Response respond(Request const& request)
@@ -422,6 +486,7 @@ private:
     std::optional<Response> m_answer;  // decided on the head
     std::optional<http::response<http::empty_body>> m_continue;
     Response m_response;
+    std::optional<http::response<http::file_body>> m_fileResponse;
     std::string m_raw;
     std::string m_clientName;
     std::array<char, 4096> m_drain;

@@ -1,5 +1,7 @@
 #include <tools/emulator/ObjectStore.h>
 
+#include <tools/emulator/PrivateFiles.h>
+
 #include <tools/emulator/Routing.h>
 
 #include <boost/filesystem/fstream.hpp>
@@ -66,8 +68,8 @@ std::string StoredObject::objectKey() const
 ObjectStore::ObjectStore(fs::path directory)
     : m_objects(directory / "objects"), m_incoming(directory / "incoming")
 {
-    fs::create_directories(m_objects);
-    fs::create_directories(m_incoming);
+    makePrivateDirectory(m_objects);
+    makePrivateDirectory(m_incoming);
     // Bodies that were still arriving when the last run ended belong to nobody.
     for (fs::directory_iterator it(m_incoming), end; it != end; ++it)
         fs::remove(it->path());
@@ -99,13 +101,7 @@ void ObjectStore::load()
 
 void ObjectStore::save(StoredObject const& object)
 {
-    fs::path target = m_objects / (object.id + ".json");
-    fs::path temporary = m_objects / (object.id + ".json.tmp");
-    {
-        fs::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out << compactJson(recordOf(object));
-    }
-    fs::rename(temporary, target);
+    writePrivateFile(m_objects / (object.id + ".json"), compactJson(recordOf(object)));
 }
 
 StoredObject ObjectStore::create(std::string const& accountId, std::string const& name, std::string const& type,

@@ -337,10 +337,10 @@ Response StorageService::download(ServiceContext const& context, RoutedRequest c
     auto object = m_store.find(id);
     if (!object || !object->uploaded)
         return notFound(context, route, "No such object");
-    fs::ifstream in(m_store.bodyPath(id), std::ios::binary);
-    std::ostringstream body;
-    body << in.rdbuf();
-    return textReply(route.request, 200, body.str(), object->contentType);
+    // Streamed by the server from the stored file: an object of any size in constant memory.
+    Response reply = textReply(route.request, 200, {}, object->contentType);
+    reply.set(kBodyFileField, m_store.bodyPath(id).string());
+    return reply;
 }
 
 } // namespace tavix::emulator

@@ -1,5 +1,7 @@
 #include <tools/emulator/UrlSigner.h>
 
+#include <tools/emulator/PrivateFiles.h>
+
 #include <tools/emulator/Routing.h>
 
 #include <boost/filesystem/fstream.hpp>
@@ -20,12 +22,8 @@ UrlSigner::UrlSigner(boost::filesystem::path const& secretFile)
     }
     if (m_secret.empty()) {
         m_secret = randomHex(32);
-        {
-            boost::filesystem::ofstream out(secretFile, std::ios::trunc);
-            out << m_secret << '\n';
-        }
         // Whoever reads it can sign URLs.
-        boost::filesystem::permissions(secretFile, boost::filesystem::owner_read | boost::filesystem::owner_write);
+        writePrivateFile(secretFile, m_secret + "\n");
     }
 }
 

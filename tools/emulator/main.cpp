@@ -53,6 +53,12 @@ bool applyArguments(po::variables_map const& arguments, EmulatorConfig& config, 
         config.tokens = arguments["token"].as<std::vector<std::string>>();
     if (arguments.count("token-lifetime"))
         config.tokenLifetime = std::chrono::seconds(arguments["token-lifetime"].as<unsigned>());
+    if (arguments.count("capture-requests"))
+        config.capture.requests = arguments["capture-requests"].as<std::size_t>();
+    if (arguments.count("capture-bytes"))
+        config.capture.bodyBytes = arguments["capture-bytes"].as<std::size_t>();
+    if (arguments.count("read-timeout"))
+        config.readTimeout = std::chrono::milliseconds(arguments["read-timeout"].as<unsigned>() * 1000ull);
     if (arguments.count("faults")
         && !parseRandomFaults(arguments["faults"].as<std::string>(), config.randomFaults, error)) {
         error = "--faults: " + error;
@@ -108,6 +114,9 @@ int main(int argc, char** argv)
         ("faults", po::value<std::string>(),
          "faults at random, each a probability per request, e.g. "
          "drop=0.02,stall=0.02,stall-ms=2000,5xx=0.02,401=0.02,expired-url=0.01,seed=7 (default none)")
+        ("capture-requests", po::value<std::size_t>(), "requests kept for GET /_emulator/requests (default 1000)")
+        ("capture-bytes", po::value<std::size_t>(), "bytes of their bodies kept (default 16 MiB; the oldest go first)")
+        ("read-timeout", po::value<unsigned>(), "seconds a client may keep a connection without sending (default 30)")
         ("write-settings", po::value<std::string>(),
          "write the controller settings a device needs to FILE instead of printing them");
 
