@@ -1,4 +1,4 @@
-// Pieces shared by the uploader's steps (internal).
+// Pieces shared by the uploader's steps and the tool (internal).
 #pragma once
 
 #include <restclient/account/SplitUrl.h>
@@ -23,6 +23,15 @@ struct ServiceAddress {
         return account::split_URL(url, host, port, tls, path, accountPart) && !host.empty() && port != 0;
     }
 };
+
+// The Locator's REST URL from the configured one, which names its SOAP face: the last "soap"
+// read as "rest" (a URL without one is taken as it is).
+inline std::string restLocatorUrl(std::string url)
+{
+    std::string::size_type const soap = url.rfind("soap");
+    if (soap != std::string::npos) url.replace(soap, 4, "rest");
+    return url;
+}
 
 // "Error code: ... Details: ..." of a failed request, for the uploader's error lines.
 template <typename ErrorDocument>

@@ -29,14 +29,6 @@ namespace {
 using AuthLock = boost::unique_lock<boost::recursive_timed_mutex>;
 constexpr auto kCancelCheck = boost::chrono::milliseconds(100);
 
-std::string restLocatorUrl()
-{
-    std::string url = controller::LocatorServiceClient::LocatorServiceUrl();
-    std::string::size_type const soap = url.rfind("soap");
-    if (soap != std::string::npos) url.replace(soap, 4, "rest");
-    return url;
-}
-
 } // namespace
 
 FileUploader::FileUploader(boost::filesystem::path const& file, std::string const& name, std::string const& type,
@@ -291,7 +283,7 @@ bool FileUploader::LocateAccountService()
     }
     WORKER_LOG_DEBUG("[FileUploader] Attempting to get URL to Account service.");
 
-    std::string const url = restLocatorUrl();
+    std::string const url = detail::restLocatorUrl(controller::LocatorServiceClient::LocatorServiceUrl());
     ServiceAddress locator;
     if (!locator.parse(url)) {
         WORKER_LOG_ERROR("[FileUploader] Unable to parse URL to Locator service.");

@@ -2,8 +2,6 @@
 
 #include <tools/cli/Blocking.h>
 
-#include <restclient/account/SplitUrl.h>
-
 #include <platform/controller/AuthenticationServiceClient.h>
 #include <platform/controller/OAuthHelper.h>
 
@@ -21,10 +19,7 @@ using namespace tavix::restclient;
 
 Exit split(std::string const& url, Address& a)
 {
-    if (account::split_URL(url, a.host, a.port, a.tls, a.path, a.accountPart) && !a.host.empty() && a.port != 0) {
-        return ok;
-    }
-    return fail(badUsage, "not an absolute URL: '" + url + "'");
+    return a.parse(url) ? ok : fail(badUsage, "not an absolute URL: '" + url + "'");
 }
 
 Session::~Session()
@@ -132,12 +127,11 @@ Exit Session::token(std::string& token)
 
 Exit Session::locatorUrl(std::string& url) const
 {
-    url = m_settings.locatorUrl;
-    if (url.empty()) {
+    if (m_settings.locatorUrl.empty()) {
         return fail(badUsage, "no Locator URL: set locator_url in " + controller::Settings::path() +
                                   " or give --locator-url");
     }
-    if (auto const soap = url.rfind("soap"); soap != std::string::npos) url.replace(soap, 4, "rest");
+    url = restclient::detail::restLocatorUrl(m_settings.locatorUrl);
     return ok;
 }
 

@@ -6,6 +6,7 @@
 #include <tools/cli/Output.h>
 
 #include <restclient/account/AccountClient.h>
+#include <restclient/detail/ServiceAddress.h>
 #include <restclient/locator/LocationClient.h>
 
 #include <platform/controller/Settings.h>
@@ -28,14 +29,8 @@ struct Options {
     double progressSeconds = 5;  // between plain progress lines when stderr is not a terminal
 };
 
-// A service URL cut into the pieces the host-and-port clients take.
-struct Address {
-    std::string host;
-    unsigned int port = 0;
-    bool tls = false;
-    std::string path;
-    std::string accountPart;
-};
+// A service URL cut into the pieces the host-and-port clients take, as the uploader cuts it.
+using Address = restclient::detail::ServiceAddress;
 
 // badUsage (said on stderr) when `url` is not an absolute URL.
 Exit split(std::string const& url, Address& address);
