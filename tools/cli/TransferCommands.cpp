@@ -160,6 +160,8 @@ Exit download(Session& session, DownloadArgs const& args)
     if (!args.force && ::lstat(target.c_str(), &existing) == 0) {
         return fail(localFailure, "download: " + target + " exists; --force replaces it");
     }
+    // From before FILE.part exists, so that Ctrl-C never leaves it behind.
+    Interrupts const interrupts;
     std::string const part = target + ".part";
     int openError = 0;
     File file = createPart(part, openError);
@@ -179,7 +181,6 @@ Exit download(Session& session, DownloadArgs const& args)
     };
     if (!curl) return failed(localFailure, "cannot initialise libcurl");
 
-    Interrupts const interrupts;
     Progress progress("download", lineInterval(session.options));
     controller::Settings const& settings = session.settings();
     curl_easy_setopt(curl.get(), CURLOPT_URL, args.url.c_str());
