@@ -41,6 +41,10 @@ namespace tavix::restclient::storage {
 // Local time of `t` as "YYYY-MM-DDTHH:MM:SS+hh:mm".
 RESTCLIENT_EXPORT std::string ISO8601Time(long t);
 
+// The members stand in the order of the uploader's record, which interleaves the fields callers
+// read (media location, step, error code and message) with private ones: hence the alternating
+// public and private sections. The statics are references to objects never destroyed, because a
+// worker may still run while the process exits.
 class RESTCLIENT_EXPORT FileUploader {
 public:
     // Called once after the step has become 6: on the worker thread, or within the constructor
