@@ -93,7 +93,7 @@ std::string refusalText(http::HttpResponse const& response)
 
 constexpr std::chrono::milliseconds kCancelCheck{100};
 
-int authenticate(std::string const& appKey, std::string& message, std::function<bool()> const& cancelled)
+int authenticate(std::string const& appKey, std::string& message, boost::function<bool()> const& cancelled)
 {
     error_code ec;
     std::string detail;
@@ -172,7 +172,7 @@ int AuthenticationServiceClient::AuthenticateController(std::string const& appKe
 }
 
 int AuthenticationServiceClient::AuthenticateController(std::string const& appKey, std::string& message,
-                                                        std::function<bool()> const& cancelled)
+                                                        boost::function<bool()> const& cancelled)
 {
     try {
         return authenticate(appKey, message, cancelled);

@@ -4,7 +4,8 @@
 
 #include <platform/Export.h>
 
-#include <functional>
+#include <boost/function.hpp>
+
 #include <string>
 
 namespace tavix::controller {
@@ -19,7 +20,7 @@ public:
     // The same, given up when `cancelled` returns true (asked at least every 100 ms): the request
     // is closed and ECANCELED returned with "Authentication cancelled.".
     static int AuthenticateController(std::string const& appKey, std::string& message,
-                                      std::function<bool()> const& cancelled);
+                                      boost::function<bool()> const& cancelled);
     // Sets up now what a token request uses and exit tears down (OpenSSL, the logger, the token
     // store), so that an exit handler registered afterwards runs before their clean-up.
     static void PrepareForExitHandlers();

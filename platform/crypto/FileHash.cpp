@@ -38,7 +38,7 @@ private:
 error_code lastError() { return {errno, boost::system::generic_category()}; }
 
 // The digest of the bytes left in `fd`, read in fixed-size chunks.
-std::string digest(int fd, EVP_MD const* md, error_code& error, std::function<bool()> const& cancelled)
+std::string digest(int fd, EVP_MD const* md, error_code& error, boost::function<bool()> const& cancelled)
 {
     std::unique_ptr<EVP_MD_CTX, Deleter> const context(EVP_MD_CTX_new());
     if (!context || !EVP_DigestInit_ex(context.get(), md, nullptr)) {
@@ -86,7 +86,7 @@ std::string hexLower(std::string const& bytes)
 } // namespace
 
 std::string computeFileHash(int fd, std::string const& algorithm, error_code& error, CryptoEncoding encoding,
-                            std::function<bool()> const& cancelled)
+                            boost::function<bool()> const& cancelled)
 {
     error = {};
     std::unique_ptr<EVP_MD, Deleter> const md(EVP_MD_fetch(nullptr, algorithm.c_str(), nullptr));

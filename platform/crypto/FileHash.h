@@ -3,9 +3,9 @@
 
 #include <platform/Export.h>
 
+#include <boost/function.hpp>
 #include <boost/system/error_code.hpp>
 
-#include <functional>
 #include <string>
 
 namespace tavix::crypto {
@@ -20,6 +20,6 @@ TAVIX_EXPORT std::string computeFileHash(std::string const& path, std::string co
 // open and decides what it may be). Given up with `operation_canceled` when `cancelled`, asked
 // between chunks, returns true.
 TAVIX_EXPORT std::string computeFileHash(int fd, std::string const& algorithm, boost::system::error_code& error,
-                                         CryptoEncoding encoding, std::function<bool()> const& cancelled);
+                                         CryptoEncoding encoding, boost::function<bool()> const& cancelled);
 
 } // namespace tavix::crypto

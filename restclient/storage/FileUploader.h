@@ -21,10 +21,11 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/filesystem/path.hpp>
+#include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/condition_variable.hpp>
-#include <boost/thread/mutex.hpp>
 #include <boost/thread/locks.hpp>
+#include <boost/thread/mutex.hpp>
 #include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
 
@@ -32,7 +33,6 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
-#include <functional>
 #include <map>
 #include <string>
 
@@ -50,7 +50,7 @@ public:
     // Called once after the step has become 6: on the worker thread, or within the constructor
     // when the file is missing. It must not destroy the uploader. Exceptions it throws are
     // swallowed.
-    using Finished = std::function<void(FileUploader const&)>;
+    using Finished = boost::function<void(FileUploader const&)>;
 
     FileUploader(boost::filesystem::path const& file, std::string const& name, std::string const& type,
                  std::map<std::string, std::string> const& metadata, std::string const& appKey);
