@@ -15,7 +15,8 @@
 // The kept-alive groups send five times as many requests, as they are that much faster.
 
 #include <restclient/IWebResponse.h>
-#include <restclient/RestClient.h>
+#include <restclient/RequestEngine.h>
+#include <restclient/veltrun/BasicErrorResponse.h>
 #include <restclient/veltrun/TavixErrorResponse.h>
 #include <tools/emulator/HttpServer.h>
 

@@ -16,7 +16,7 @@
 #include <bench/upload/BareSink.h>
 #include <bench/upload/SenderProcess.h>
 
-#include <platform/crypto/FileHash.h>
+#include <tavix/crypto/FileHash.h>
 #include <restclient/storage/StoreClient.h>
 #include <tools/emulator/CloudEmulator.h>
 

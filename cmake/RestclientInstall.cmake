@@ -1,10 +1,9 @@
-# Installs the public headers under include/restclient/, both shared libraries, a CMake package
+# Installs the public headers under include/ (include/restclient/, include/tavix/), both shared libraries, a CMake package
 # (restclient::restclient, restclient::platform) and restclient.pc.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(RESTCLIENT_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/restclient)
-set(RESTCLIENT_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/restclient)
 
 install(TARGETS tavixplatform restclient EXPORT restclientTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -16,7 +15,7 @@ if(CMAKE_OBJCOPY)
 endif()
 # Internals live in detail/ folders and stay out of the install; the installed-package check
 # compiles every installed header on its own, so none can reach one.
-install(DIRECTORY restclient platform DESTINATION ${RESTCLIENT_INCLUDE_DIR}
+install(DIRECTORY restclient/restclient platform/tavix DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h"
   PATTERN "detail" EXCLUDE)
 install(EXPORT restclientTargets NAMESPACE restclient:: DESTINATION ${RESTCLIENT_CMAKE_DIR})
@@ -36,8 +35,3 @@ file(RELATIVE_PATH RESTCLIENT_PC_TO_PREFIX
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/restclient.pc.in ${CMAKE_CURRENT_BINARY_DIR}/restclient.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/restclient.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-
-# The local cloud emulator, for trying the library and the tool on a bench without a cloud.
-if(TARGET restclient-emulator)
-  install(TARGETS restclient-emulator RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-endif()

@@ -10,6 +10,7 @@
 #include <restclient/locator/LocationClient.h>
 #include <restclient/storage/ResourceResponse.h>
 #include <restclient/storage/StoreClient.h>
+#include <restclient/veltrun/BasicErrorResponse.h>
 #include <restclient/veltrun/TavixErrorResponse.h>
 
 #include <boost/lexical_cast.hpp>

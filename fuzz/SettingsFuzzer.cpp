@@ -2,7 +2,7 @@
 // and what it read, written back as "key = value" lines, reads the same again.
 #include <fuzz/FuzzSupport.h>
 
-#include <platform/controller/Settings.h>
+#include <tavix/controller/Settings.h>
 
 using tavix::controller::Settings;
 

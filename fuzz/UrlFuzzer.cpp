@@ -2,7 +2,7 @@
 // of a valid URL parses again to the same parts (requests are sent by re-reading it).
 #include <fuzz/FuzzSupport.h>
 
-#include <platform/net/http/Url.h>
+#include <tavix/net/http/Url.h>
 
 using tavix::net::http::Url;
 

@@ -50,7 +50,7 @@ LD_LIBRARY_PATH=$libdir "$prefix/consumer-pc" "$prefix/file.bin"
 # Every installed header compiles on its own with the package's flags, so none can need a header
 # that is not installed.
 cflags=$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags restclient)
-headers=$(cd "$prefix/include/restclient" && find . -name '*.h' | sed 's#^\./##' | sort)
+headers=$(cd "$prefix/include" && find restclient tavix -name '*.h' | sort)
 export cflags
 # shellcheck disable=SC2016
 echo "$headers" | xargs -P 2 -I{} sh -c \
@@ -59,5 +59,10 @@ echo "$headers" | xargs -P 2 -I{} sh -c \
 echo "$(echo "$headers" | wc -l) installed headers compile on their own"
 if find "$prefix/include" -path '*/detail/*' | grep -q .; then
   echo "an internal header was installed" >&2
+  exit 1
+fi
+# The two roots are the only ones: nothing else lands in a shared include directory.
+if [ "$(ls "$prefix/include")" != "$(printf 'restclient\ntavix')" ]; then
+  echo "unexpected include roots: $(ls "$prefix/include")" >&2
   exit 1
 fi

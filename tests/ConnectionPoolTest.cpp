@@ -1,4 +1,4 @@
-#include <platform/net/http/HttpClient.h>
+#include <tavix/net/http/HttpClient.h>
 
 #include <tests/support/Loopback.h>
 #include <tests/support/ScopedControllerConfig.h>
@@ -19,7 +19,7 @@ namespace tavix::net::http {
 namespace {
 
 using emulator::Fault;
-using testing::ScopedControllerConfig;
+using test::ScopedControllerConfig;
 namespace fs = boost::filesystem;
 using namespace std::chrono_literals;
 
@@ -39,9 +39,9 @@ protected:
               response.body() = "echo:" + request.body();
               response.prepare_payload();
               return response;
-          }, tls() ? std::optional(testing::certs::trustedServer()) : std::nullopt)
+          }, tls() ? std::optional(test::certs::trustedServer()) : std::nullopt)
     {
-        fs::copy_file(testing::certs::ca(), caCopy, fs::copy_options::overwrite_existing);
+        fs::copy_file(test::certs::ca(), caCopy, fs::copy_options::overwrite_existing);
     }
 
     ~ConnectionPoolTest() override
@@ -73,9 +73,9 @@ protected:
     {
         Outcome outcome;
         auto client = start(io, outcome, method);
-        EXPECT_TRUE(testing::runUntil(io, [&] { return outcome.calls > 0; }, 10s));
+        EXPECT_TRUE(test::runUntil(io, [&] { return outcome.calls > 0; }, 10s));
         client->close(true);  // as the REST engine does in every completion
-        testing::runUntilIdle(io);
+        test::runUntilIdle(io);
         EXPECT_EQ(outcome.calls, 1);
         return outcome;
     }
@@ -116,7 +116,7 @@ TEST_P(ConnectionPoolTest, ChangedTlsSettingsTakeEffectOnTheNextRequest)
     expectOk(request());
     // The CA bundle replaced as `rsync -t` does: same contents and time stamp, a new file.
     std::string const next = caCopy + ".next";
-    fs::copy_file(testing::certs::ca(), next, fs::copy_options::overwrite_existing);
+    fs::copy_file(test::certs::ca(), next, fs::copy_options::overwrite_existing);
     struct stat old {};
     ASSERT_EQ(::stat(caCopy.c_str(), &old), 0);
     timespec const times[2] = {old.st_atim, old.st_mtim};
@@ -134,7 +134,7 @@ TEST_P(ConnectionPoolTest, ConnectionTheServerClosedWhileIdleIsNotUsed)
 {
     server.setIdleTimeout(20ms);
     expectOk(request());
-    ASSERT_TRUE(testing::runUntil(io, [&] { return counts().closed == 1; }, 5s));
+    ASSERT_TRUE(test::runUntil(io, [&] { return counts().closed == 1; }, 5s));
     expectOk(request(boost::beast::http::verb::post));
     EXPECT_EQ(server.requests().size(), 2u);
     EXPECT_EQ(counts().connections, 2u);
@@ -168,7 +168,7 @@ TEST_P(ConnectionPoolTest, IdleTimeOutAndLimitsBoundThePool)
         Outcome outcomes[4];
         std::vector<std::shared_ptr<HttpClient>> clients;
         for (auto& outcome : outcomes) clients.push_back(start(io, outcome));
-        testing::runUntilIdle(io);
+        test::runUntilIdle(io);
         for (auto& outcome : outcomes) expectOk(outcome);
     };
     burst();

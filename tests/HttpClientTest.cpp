@@ -1,6 +1,6 @@
-#include <platform/net/http/HttpClient.h>
+#include <tavix/net/http/HttpClient.h>
 
-#include <platform/controller/Settings.h>
+#include <tavix/controller/Settings.h>
 #include <tests/support/IssuedCertificate.h>
 #include <tests/support/Loopback.h>
 #include <tests/support/RawPeer.h>
@@ -18,7 +18,7 @@ namespace tavix::net::http {
 namespace {
 
 using emulator::Fault;
-using testing::ScopedControllerConfig;
+using test::ScopedControllerConfig;
 namespace beast = boost::beast;
 using namespace std::chrono_literals;
 
@@ -71,9 +71,9 @@ protected:
         m_starting = false;
         EXPECT_FALSE(started) << started.message();
         if (!started) {
-            EXPECT_TRUE(testing::runUntil(io, [&] { return outcome.calls > 0; }, 10s));
+            EXPECT_TRUE(test::runUntil(io, [&] { return outcome.calls > 0; }, 10s));
             http->close(true);
-            testing::runUntilIdle(io);
+            test::runUntilIdle(io);
         }
         EXPECT_EQ(outcome.calls, 1);
         EXPECT_EQ(outcome.thread, std::this_thread::get_id());
@@ -117,7 +117,7 @@ TEST_F(HttpClientTest, RequestsThatCannotStartReturnAnErrorAndCompleteWithIt)
         config.write("ca_file = /nonexistent/ca.pem\n");
         EXPECT_TRUE(http->asyncRequest(request("https://127.0.0.1:1/")));
     }
-    testing::runUntilIdle(io);
+    test::runUntilIdle(io);
     EXPECT_EQ(outcome.calls, 4);
     EXPECT_TRUE(outcome.ec);
 }
@@ -136,7 +136,7 @@ TEST_F(HttpClientTest, AHeaderFieldThatWouldWriteLinesOfItsOwnRefusesTheRequest)
         Outcome outcome;
         auto http = client(outcome);
         EXPECT_EQ(http->asyncRequest(refused), boost::system::errc::invalid_argument) << name << ": " << value;
-        testing::runUntilIdle(io);
+        test::runUntilIdle(io);
         EXPECT_EQ(outcome.calls, 1);
         EXPECT_EQ(outcome.ec, boost::system::errc::invalid_argument);
     }
@@ -159,8 +159,8 @@ TEST_F(HttpClientTest, StartsFromAnyThreadAndCompletesOnTheIoThreadEvenAfterTheC
     std::thread([&] { started = http->asyncRequest(request(server.baseUrl() + "/")); }).join();
     ASSERT_FALSE(started);
     http.reset();
-    EXPECT_TRUE(testing::runUntil(io, [&] { return outcome.calls > 0; }, 10s));
-    testing::runUntilIdle(io);
+    EXPECT_TRUE(test::runUntil(io, [&] { return outcome.calls > 0; }, 10s));
+    test::runUntilIdle(io);
     EXPECT_EQ(outcome.calls, 1);
     EXPECT_EQ(outcome.thread, std::this_thread::get_id());
     EXPECT_EQ(outcome.response.status(), 200u);
@@ -173,9 +173,9 @@ TEST_F(HttpClientTest, ClosingMidExchangeEndsItWithAnError)
         Outcome outcome;
         auto http = client(outcome);
         ASSERT_FALSE(http->asyncRequest(request(server.baseUrl() + "/")));
-        EXPECT_TRUE(testing::runUntil(io, [&] { return server.requests().size() > 0; }, 10s));
+        EXPECT_TRUE(test::runUntil(io, [&] { return server.requests().size() > 0; }, 10s));
         http->close(force);
-        EXPECT_TRUE(testing::runUntil(io, [&] { return outcome.calls > 0; }, 10s)) << force;
+        EXPECT_TRUE(test::runUntil(io, [&] { return outcome.calls > 0; }, 10s)) << force;
         EXPECT_TRUE(outcome.ec) << force;
         server.clearRequests();
     }
@@ -187,20 +187,20 @@ protected:
 
     static emulator::TlsFiles serverFiles()
     {
-        emulator::TlsFiles files = testing::certs::trustedServer();
-        files.clientCa = testing::certs::ca();
+        emulator::TlsFiles files = test::certs::trustedServer();
+        files.clientCa = test::certs::ca();
         return files;
     }
 
     std::string const localhost = "https://localhost:" + std::to_string(server.port()) + "/";
-    ScopedControllerConfig config{"ca_file = " + testing::certs::ca() + "\n"};
+    ScopedControllerConfig config{"ca_file = " + test::certs::ca() + "\n"};
 };
 
 // The handshake is part of connecting: a peer that takes the connection and never answers the
 // TLS hello is given up at the connect time-out, long before the exchange's.
 TEST_F(HttpClientTlsTest, AHandshakeNeverAnsweredEndsAtTheConnectTimeOut)
 {
-    testing::RawPeer silent("", testing::RawPeer::After::hold);
+    test::RawPeer silent("", test::RawPeer::After::hold);
     auto const start = std::chrono::steady_clock::now();
     Outcome const outcome =
         exchange(request("https://127.0.0.1:" + std::to_string(silent.port()) + "/"), ClientOptions{300ms, 10s});
@@ -221,7 +221,7 @@ TEST_F(HttpClientTlsTest, OnlyTheConfiguredCaIsTrustedAndTheClientCertificateIsP
     EXPECT_EQ(seen->header("Host"), "localhost:" + std::to_string(server.port()));
     EXPECT_EQ(seen->clientCommonName, "");
 
-    config.write("ca_file = " + testing::certs::ca() + "\nclient_cert_file = " + testing::certs::client() + "\n");
+    config.write("ca_file = " + test::certs::ca() + "\nclient_cert_file = " + test::certs::client() + "\n");
     EXPECT_FALSE(get().ec);
     seen = server.lastRequest();
     ASSERT_TRUE(seen);
@@ -242,8 +242,8 @@ TEST(HttpClientHostName, TheCertificateMustNameTheHostAsTheUrlDoes)
     auto const dir = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("hostname-%%%%");
     boost::filesystem::create_directories(dir);
     emulator::HttpServer server([](emulator::Request const&) { return emulator::Response(beast::http::status::ok, 11); },
-                                testing::certs::issueServerCertificate(dir.string(), "named", "DNS:localhost", -1h, 24h));
-    ScopedControllerConfig config{"ca_file = " + testing::certs::ca() + "\n"};
+                                test::certs::issueServerCertificate(dir.string(), "named", "DNS:localhost", -1h, 24h));
+    ScopedControllerConfig config{"ca_file = " + test::certs::ca() + "\n"};
     auto fetch = [](std::string const& url) {
         boost::asio::io_context io;
         boost::system::error_code result = boost::asio::error::would_block;

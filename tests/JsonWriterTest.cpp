@@ -1,4 +1,4 @@
-#include <platform/JsonWriter.h>
+#include <tavix/JsonWriter.h>
 
 #include <tests/support/Json.h>
 
@@ -9,7 +9,7 @@
 namespace tavix {
 namespace {
 
-using testing::json;
+using test::json;
 
 TEST(JsonWriter, NestedObjectsInArraysCloseBackToTheirParent)
 {

@@ -1,6 +1,6 @@
-#include <platform/net/http/ProxyChoice.h>
+#include <tavix/net/http/ProxyChoice.h>
 
-#include <platform/net/http/HttpClient.h>
+#include <tavix/net/http/HttpClient.h>
 #include <restclient/account/AccountClient.h>
 #include <tests/support/ForwardProxy.h>
 #include <tests/support/Loopback.h>
@@ -14,7 +14,7 @@
 #include <iterator>
 #include <map>
 
-namespace tavix::testing {
+namespace tavix::test {
 namespace {
 
 using net::http::Proxy;
@@ -354,4 +354,4 @@ INSTANTIATE_TEST_SUITE_P(Upload, ProxiedUpload,
                                            UploadCase{false, Source::bypassed}, UploadCase{true, Source::bypassed}));
 
 } // namespace
-} // namespace tavix::testing
+} // namespace tavix::test

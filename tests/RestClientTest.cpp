@@ -1,4 +1,4 @@
-#include <restclient/RestClient.h>
+#include <restclient/RequestEngine.h>
 
 #include <restclient/veltrun/TavixErrorResponse.h>
 #include <tools/emulator/HttpServer.h>

@@ -1,4 +1,4 @@
-#include <platform/controller/Settings.h>
+#include <tavix/controller/Settings.h>
 
 #include <tests/support/ScopedControllerConfig.h>
 
@@ -66,7 +66,7 @@ TEST(SettingsTest, ABadLineIsAnErrorThatSaysWhere)
 
 TEST(SettingsTest, LoadReadsTheFileNamedByTheEnvironment)
 {
-    testing::ScopedControllerConfig config("ca_file = /x/ca.pem\ndisable_tls = false\n");
+    test::ScopedControllerConfig config("ca_file = /x/ca.pem\ndisable_tls = false\n");
     boost::system::error_code ec;
     EXPECT_EQ(Settings::path(), config.path());
     EXPECT_EQ(Settings::load(ec).caFile, "/x/ca.pem");
@@ -86,7 +86,7 @@ TEST(SettingsTest, LoadReadsTheFileNamedByTheEnvironment)
 // A missing file means nothing is configured; one that cannot be read is an error naming path and reason.
 TEST(SettingsTest, AMissingFileIsEmptyAndAnUnreadableOneAnError)
 {
-    testing::ScopedControllerConfig config("ca_file = /x/ca.pem\n");
+    test::ScopedControllerConfig config("ca_file = /x/ca.pem\n");
     std::string const fifo = config.path() + ".fifo";
     // A FIFO without a writer reads as empty rather than blocking the caller.
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
@@ -114,6 +114,45 @@ TEST(SettingsTest, AMissingFileIsEmptyAndAnUnreadableOneAnError)
         EXPECT_FALSE(s.disableTls) << path;
     }
     ::unlink(fifo.c_str());
+}
+
+// What a program sets in-process lies over the file, which is still followed as it changes.
+TEST(SettingsTest, ValuesSetInProcessLieOverTheFile)
+{
+    test::ScopedControllerConfig config("locator_url = https://file.example/\nca_file = /x/ca.pem\n");
+    ASSERT_FALSE(Settings::set("locator_url", "https://set.example/"));
+    ASSERT_FALSE(Settings::set("proxy", ""));
+    boost::system::error_code ec;
+    Settings s = Settings::load(ec);
+    EXPECT_EQ(s.locatorUrl, "https://set.example/");
+    EXPECT_EQ(s.proxy, "") << "an empty proxy still means direct";
+    EXPECT_EQ(s.caFile, "/x/ca.pem");
+
+    config.write("locator_url = https://file.example/\nca_file = /y/ca.pem\n");
+    EXPECT_EQ(Settings::current().caFile, "/y/ca.pem");
+
+    // A bad key or value is refused and leaves what was set.
+    EXPECT_EQ(Settings::set("colour", "blue"), SettingsError::unknownKey);
+    EXPECT_EQ(Settings::set("connection_reuse", "maybe"), SettingsError::badValue);
+    EXPECT_EQ(Settings::set("proxy", "socks5://proxy.example"), SettingsError::badValue);
+    EXPECT_EQ(Settings::current().locatorUrl, "https://set.example/");
+    EXPECT_TRUE(Settings::current().connectionReuse);
+
+    Settings::clearSet();
+    EXPECT_EQ(Settings::current().locatorUrl, "https://file.example/");
+    EXPECT_EQ(Settings::current().proxy, std::nullopt);
+}
+
+TEST(SettingsTest, AFileNamedInProcessWinsOverTheEnvironment)
+{
+    test::ScopedControllerConfig fromEnvironment("ca_file = /env/ca.pem\n");
+    test::ScopedControllerConfig named("ca_file = /named/ca.pem\n");
+    ::setenv("TAVIX_CONTROLLER_CONFIG", fromEnvironment.path().c_str(), 1);
+    Settings::useFile(named.path());
+    EXPECT_EQ(Settings::path(), named.path());
+    EXPECT_EQ(Settings::current().caFile, "/named/ca.pem");
+    Settings::useFile("");
+    EXPECT_EQ(Settings::current().caFile, "/env/ca.pem");
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include <restclient/veltrun/BasicErrorResponse.h>
 #include <restclient/veltrun/TavixErrorResponse.h>
 
 #include <tests/support/Json.h>
@@ -7,7 +8,7 @@
 namespace tavix::restclient::veltrun {
 namespace {
 
-using testing::json;
+using test::json;
 
 TEST(TavixErrorResponse, ReadsTheWrappedOrTheBareFormIgnoringMistypedMembers)
 {

@@ -7,7 +7,7 @@
 namespace tavix::restclient {
 namespace {
 
-using testing::json;
+using test::json;
 
 // A field holding `start` after reading the document {"f": member}.
 template <typename T>

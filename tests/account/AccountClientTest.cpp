@@ -6,8 +6,8 @@
 namespace tavix::restclient::account {
 namespace {
 
-using testing::json;
-using Completion = testing::Completion<AccountResponse, veltrun::TavixErrorResponse>;
+using test::json;
+using Completion = test::Completion<AccountResponse, veltrun::TavixErrorResponse>;
 
 TEST(AccountResponse, TakesTheNamedLinksTheLastOfANameWinning)
 {
@@ -26,7 +26,7 @@ TEST(AccountResponse, TakesTheNamedLinksTheLastOfANameWinning)
                  Json::LogicError);
 }
 
-class AccountClientTest : public testing::LoopbackTest {};
+class AccountClientTest : public test::LoopbackTest {};
 
 TEST_F(AccountClientTest, GetsTheCurrentAccountAtThePathSplitUrlCut)
 {

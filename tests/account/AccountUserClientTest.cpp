@@ -7,7 +7,7 @@
 namespace tavix::restclient::account {
 namespace {
 
-using testing::json;
+using test::json;
 using List = std::vector<std::string>;
 
 List links(std::string const& count, std::string const& user, List stale = {})
@@ -47,11 +47,11 @@ TEST(AccountUserResponse, EveryCallOverwritesAndMissingKeysReadAsEmptyAndFalse)
     EXPECT_FALSE(user.isOwner);
 }
 
-class AccountUserClientTest : public testing::LoopbackTest {};
+class AccountUserClientTest : public test::LoopbackTest {};
 
 TEST_F(AccountUserClientTest, ListsTheUsersThenFetchesOne)
 {
-    testing::Completion<AccountUserListResponse, veltrun::TavixErrorResponse> listed;
+    test::Completion<AccountUserListResponse, veltrun::TavixErrorResponse> listed;
     AccountUserListClient list(io, listed.callback(), cloud.usersUrl(), token);
     ASSERT_FALSE(list.getUserList());
     ASSERT_TRUE(listed.wait(io));
@@ -60,7 +60,7 @@ TEST_F(AccountUserClientTest, ListsTheUsersThenFetchesOne)
     expectJsonHeaders(onlyRequest(), "Bearer " + token);
 
     cloud.reset();
-    testing::Completion<AccountUserResponse, veltrun::TavixErrorResponse> fetched;
+    test::Completion<AccountUserResponse, veltrun::TavixErrorResponse> fetched;
     AccountUserClient user(io, fetched.callback(), listed.response.userURLs[0], token);
     ASSERT_FALSE(user.getUser());
     ASSERT_TRUE(fetched.wait(io));
@@ -71,7 +71,7 @@ TEST_F(AccountUserClientTest, ListsTheUsersThenFetchesOne)
 
 TEST_F(AccountUserClientTest, AnUnparsableUrlIsReturnedAndNothingIsSent)
 {
-    testing::Completion<AccountUserResponse, veltrun::TavixErrorResponse> done;
+    test::Completion<AccountUserResponse, veltrun::TavixErrorResponse> done;
     AccountUserClient user(io, done.callback(), "http://bad host/users/1", token);
     AccountUserListClient list(io, {}, "http://bad host/users", token);
     EXPECT_TRUE(user.getUser());
@@ -82,7 +82,7 @@ TEST_F(AccountUserClientTest, AnUnparsableUrlIsReturnedAndNothingIsSent)
 TEST_F(AccountUserClientTest, AnEmptyTokenStillSendsBearerAndTheBareErrorIsRead)
 {
     cloud.replyNext(401, R"({"code": 401, "subCode": 1, "message": "Invalid or expired token"})");
-    testing::Completion<AccountUserListResponse, veltrun::TavixErrorResponse> done;
+    test::Completion<AccountUserListResponse, veltrun::TavixErrorResponse> done;
     AccountUserListClient list(io, done.callback(), cloud.usersUrl(), "");
     ASSERT_FALSE(list.getUserList());
     ASSERT_TRUE(done.wait(io));

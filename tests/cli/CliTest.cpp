@@ -23,7 +23,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace tavix::testing {
+namespace tavix::test {
 namespace {
 
 namespace fs = boost::filesystem;
@@ -337,4 +337,4 @@ TEST_F(CliTest, CtrlCInterruptsADownloadAndAnUpload)
 }
 
 } // namespace
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -1,4 +1,7 @@
-#include <restclient/restclient.h>
+#include <restclient/RequestEngine.h>
+#include <restclient/storage/FileUploader.h>
+#include <restclient/veltrun/TavixErrorResponse.h>
+#include <tavix/JsonWriter.h>
 
 #include <chrono>
 #include <iostream>

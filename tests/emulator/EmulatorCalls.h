@@ -2,7 +2,7 @@
 // raw bytes on a socket for what that client never sends (Expect: 100-continue, chunked bodies).
 #pragma once
 
-#include <platform/net/http/HttpClient.h>
+#include <tavix/net/http/HttpClient.h>
 #include <tests/support/Loopback.h>
 
 #include <boost/asio/ip/tcp.hpp>
@@ -51,7 +51,7 @@ inline Reply exchange(boost::beast::http::verb method, std::string const& url, s
         request.setField(name, value);
     request.payload(body);
     client.asyncRequest(request);
-    EXPECT_TRUE(testing::runUntil(io, [&] { return done; }, std::chrono::seconds(30))) << url;
+    EXPECT_TRUE(test::runUntil(io, [&] { return done; }, std::chrono::seconds(30))) << url;
     std::istringstream in(reply.body);
     std::string errors;
     if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &reply.json, &errors))

@@ -1,6 +1,6 @@
 // restclient-emulator run as a device's developer would: its own certificates, the settings
 // file a device reads, and its data kept across a restart.
-#include <platform/controller/Settings.h>
+#include <tavix/controller/Settings.h>
 #include <tests/emulator/EmulatorCalls.h>
 #include <tests/support/ChildProcess.h>
 #include <tests/support/ScopedControllerConfig.h>
@@ -14,8 +14,8 @@ namespace {
 
 using namespace calls;
 using boost::beast::http::verb;
-using testing::ChildProcess;
-using testing::fileText;
+using test::ChildProcess;
+using test::fileText;
 namespace fs = boost::filesystem;
 
 std::vector<std::string> program(std::vector<std::string> args)
@@ -60,7 +60,7 @@ TEST(EmulatorProgram, MakesItsCertificatesWritesTheDeviceSettingsAndKeepsItsData
         EXPECT_EQ(settings.clientCertFile, (data / "certs" / "client.pem").string());
         ca = fileText(settings.caFile);
 
-        testing::ScopedControllerConfig device(text);
+        test::ScopedControllerConfig device(text);
         Reply const token = exchange(verb::post, settings.authUrl, "grant_type=client_credentials&client_id=dev",
                                      {{"Content-Type", "application/x-www-form-urlencoded"}});
         ASSERT_EQ(token.status, 200u) << token.body;
@@ -78,7 +78,7 @@ TEST(EmulatorProgram, MakesItsCertificatesWritesTheDeviceSettingsAndKeepsItsData
         std::string const base = baseUrl(restarted);
         ASSERT_FALSE(base.empty()) << restarted.err();
         EXPECT_EQ(fileText((data / "certs" / "ca.pem").string()), ca) << "devices keep trusting its CA";
-        testing::ScopedControllerConfig device(fileText(settingsFile));
+        test::ScopedControllerConfig device(fileText(settingsFile));
         Reply const objects = exchange(verb::get, base + "/storage/v1/accounts", {}, bearer(kDefaultToken));
         ASSERT_EQ(objects.json["resource"].size(), 1u) << objects.body;
         EXPECT_EQ(objects.json["resource"][0]["contentLength"], 10);

@@ -5,7 +5,7 @@
 #include <restclient/locator/LocationClient.h>
 #include <restclient/storage/FileUploader.h>
 
-#include <platform/net/http/HttpClient.h>
+#include <tavix/net/http/HttpClient.h>
 #include <tests/support/IssuedCertificate.h>
 #include <tests/support/Loopback.h>
 #include <tests/support/RawPeer.h>
@@ -33,7 +33,7 @@
 #include <iostream>
 #include <thread>
 
-namespace tavix::testing {
+namespace tavix::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -661,4 +661,4 @@ TEST_F(FaultMatrix, EveryRowEndsWithItsDocumentedOutcome)
 }
 
 } // namespace
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -4,7 +4,7 @@
 
 #include <restclient/account/AccountClient.h>
 
-#include <platform/logger/Logger.h>
+#include <tavix/Logger.h>
 #include <tests/support/Loopback.h>
 
 #include <log4cplus/appender.h>
@@ -14,7 +14,7 @@
 #include <mutex>
 #include <set>
 
-namespace tavix::testing {
+namespace tavix::test {
 namespace {
 
 // Every message logged through the root logger while it is attached, at DEBUG and above.
@@ -98,4 +98,4 @@ TEST(TlsVerification, CannotBeTurnedOffForRestRequests)
 }
 
 } // namespace
-} // namespace tavix::testing
+} // namespace tavix::test

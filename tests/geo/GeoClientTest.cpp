@@ -5,16 +5,16 @@
 namespace tavix::restclient::geo {
 namespace {
 
-using testing::hook;
-using Completion = testing::Completion<GeoResponse, veltrun::BasicErrorResponse>;
+using test::hook;
+using Completion = test::Completion<GeoResponse, veltrun::BasicErrorResponse>;
 
-class GeoClientTest : public testing::LoopbackTest {};
+class GeoClientTest : public test::LoopbackTest {};
 
 TEST_F(GeoClientTest, HostFormComposesAndKeepsTheUrlAndTheTokenWins)
 {
     Completion done;
     GeoClient client(io, done.callback(), host, cloud.port(), token, false, "geo");
-    client.authCallback(&testing::recordingHook);
+    client.authCallback(&test::recordingHook);
     ASSERT_FALSE(client.getGeo());
     ASSERT_TRUE(done.wait(io));
     EXPECT_EQ(client.url(), cloud.geoUrl());
@@ -31,7 +31,7 @@ TEST_F(GeoClientTest, WithoutTokenTheHookSignsAndItsEmptyAnswerSendsNothing)
     cloud.acceptAuthorization("Signed geo");
     Completion signedDone;
     GeoClient signedClient(io, signedDone.callback(), cloud.geoUrl(), "", false);
-    signedClient.authCallback(&testing::recordingHook);
+    signedClient.authCallback(&test::recordingHook);
     ASSERT_FALSE(signedClient.getGeo());
     ASSERT_TRUE(signedDone.wait(io));
     EXPECT_EQ(signedDone.status, 200u);
@@ -42,7 +42,7 @@ TEST_F(GeoClientTest, WithoutTokenTheHookSignsAndItsEmptyAnswerSendsNothing)
     hook().answer = "";
     Completion done;
     GeoClient client(io, done.callback(), cloud.geoUrl(), "", false);
-    client.authCallback(&testing::recordingHook);
+    client.authCallback(&test::recordingHook);
     ASSERT_FALSE(client.getGeo());
     ASSERT_TRUE(done.wait(io));
     EXPECT_EQ(done.status, 401u);

@@ -5,8 +5,8 @@
 namespace tavix::restclient::httplite {
 namespace {
 
-using testing::hook;
-using Completion = testing::Completion<RegistrationResponse, veltrun::TavixErrorResponse>;
+using test::hook;
+using Completion = test::Completion<RegistrationResponse, veltrun::TavixErrorResponse>;
 
 RegistrationRequest registration(std::string const& ip, int port)
 {
@@ -19,7 +19,7 @@ RegistrationRequest registration(std::string const& ip, int port)
 TEST(RegistrationResponse, EachFieldTakesOnlyItsKind)
 {
     RegistrationResponse response;
-    response.handleResponse(testing::json(R"({"port": "5060", "contactStatus": 1, "validSeconds": 60,
+    response.handleResponse(test::json(R"({"port": "5060", "contactStatus": 1, "validSeconds": 60,
         "activeCallCount": 2, "linkKey": "k", "ip": 7, "createdTime": "t0"})"));
     EXPECT_EQ(response.port.value, 0);
     EXPECT_FALSE(response.contactStatus.value);
@@ -27,14 +27,14 @@ TEST(RegistrationResponse, EachFieldTakesOnlyItsKind)
     EXPECT_EQ(response.linkKey.value + response.ip.value + response.createdTime.value, "kt0");
 }
 
-class RegistrationClientTest : public testing::LoopbackTest {
+class RegistrationClientTest : public test::LoopbackTest {
 protected:
     // One call (update or delete) on a fresh client below `path`, waited for.
     Completion send(std::string const& clientToken, std::string const& path, bool update)
     {
         Completion done;
         RegistrationClient client(io, done.callback(), host, cloud.port(), clientToken, false, path);
-        client.authCallback(&testing::recordingHook);
+        client.authCallback(&test::recordingHook);
         EXPECT_FALSE(update ? client.updateRegistration(registration("10.0.0.7", 5060)) : client.deleteRegistration());
         EXPECT_TRUE(done.wait(io));
         return done;

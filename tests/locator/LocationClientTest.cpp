@@ -5,8 +5,8 @@
 namespace tavix::restclient::locator {
 namespace {
 
-using testing::hook;
-using testing::json;
+using test::hook;
+using test::json;
 
 TEST(Endpoint, WritesAllThreeKeys)
 {
@@ -28,15 +28,15 @@ TEST(LocationsResponse, ReadsAnObjectAsAListOfOneAndAppends)
     EXPECT_EQ(names, "A,B,,C,");
 }
 
-class LocationClientTest : public testing::LoopbackTest {
+class LocationClientTest : public test::LoopbackTest {
 protected:
-    using Completion = testing::Completion<LocationResponse, veltrun::TavixErrorResponse>;
+    using Completion = test::Completion<LocationResponse, veltrun::TavixErrorResponse>;
 
     Completion lookUp(std::string const& clientToken, std::string const& name)
     {
         Completion done;
         LocationClient client(io, done.callback(), host, cloud.port(), clientToken, false, "/locator/rest");
-        client.authCallback(&testing::recordingHook);
+        client.authCallback(&test::recordingHook);
         EXPECT_FALSE(client.getLocation(name));
         EXPECT_TRUE(done.wait(io));
         return done;
@@ -75,7 +75,7 @@ TEST_F(LocationClientTest, ListsWithBearerEvenWithoutTokenAndTheUserAgentOnlyWhe
 {
     for (std::string const& clientToken : {token, std::string()}) {
         cloud.reset();
-        testing::Completion<LocationsResponse, veltrun::TavixErrorResponse> done;
+        test::Completion<LocationsResponse, veltrun::TavixErrorResponse> done;
         LocationsClient client(io, done.callback(), host, cloud.port(), clientToken, false, "locator/rest");
         if (clientToken.empty()) client.userAgent("controller/1.0");
         ASSERT_FALSE(client.getLocations());

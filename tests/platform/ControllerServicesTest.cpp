@@ -1,7 +1,9 @@
-#include <platform/controller/AuthenticationServiceClient.h>
-#include <platform/controller/OAuthHelper.h>
-#include <platform/controller/ServiceSettings.h>
-#include <platform/controller/Settings.h>
+#include <tavix/controller/AuthenticationServiceClient.h>
+#include <tavix/controller/OAuthHelper.h>
+#include <tavix/controller/CommonName.h>
+#include <tavix/controller/LocatorServiceClient.h>
+#include <tavix/controller/SoapHelper.h>
+#include <tavix/controller/Settings.h>
 
 #include <tests/support/ScopedControllerConfig.h>
 #include <tools/emulator/CloudEmulator.h>
@@ -16,7 +18,7 @@
 namespace tavix::controller {
 namespace {
 
-using testing::ScopedControllerConfig;
+using test::ScopedControllerConfig;
 
 // Against the emulator's token endpoint, with the answers a test scripts.
 class AuthenticationTest : public ::testing::Test {

@@ -1,4 +1,4 @@
-#include <platform/crypto/FileHash.h>
+#include <tavix/crypto/FileHash.h>
 
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>

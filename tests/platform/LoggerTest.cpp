@@ -1,4 +1,4 @@
-#include <platform/logger/Logger.h>
+#include <tavix/Logger.h>
 
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>

@@ -1,5 +1,6 @@
-#include <platform/system/System.h>
-#include <platform/version/BuildVersion.h>
+#include <tavix/os/KernelX.h>
+#include <tavix/os/NetworkInterfaces.h>
+#include <tavix/version/BuildVersion.h>
 
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/filesystem/operations.hpp>
@@ -12,7 +13,7 @@
 #include <regex>
 #include <set>
 
-namespace tavix::system {
+namespace tavix::os {
 namespace {
 
 TEST(SystemTest, TheMacAddressIsOneOfAnInterfacesAddressesInLowerCase)
@@ -57,4 +58,4 @@ TEST(SystemTest, TheBuildVersionIsTheProjectVersionAndMaybeARevision)
 }
 
 } // namespace
-} // namespace tavix::system
+} // namespace tavix::os

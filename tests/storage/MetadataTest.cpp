@@ -7,7 +7,7 @@
 namespace tavix::restclient::storage {
 namespace {
 
-using testing::json;
+using test::json;
 
 // The variant read from the JSON value `text`, starting from the empty string.
 Variant read(std::string const& text)

@@ -8,9 +8,9 @@ namespace tavix::restclient::storage {
 namespace {
 
 namespace http = boost::beast::http;
-using One = testing::Completion<ResourceResponse, veltrun::TavixErrorResponse>;
-using Many = testing::Completion<ResourcesResponse, veltrun::TavixErrorResponse>;
-using Address = testing::Completion<URLResponse, veltrun::TavixErrorResponse>;
+using One = test::Completion<ResourceResponse, veltrun::TavixErrorResponse>;
+using Many = test::Completion<ResourcesResponse, veltrun::TavixErrorResponse>;
+using Address = test::Completion<URLResponse, veltrun::TavixErrorResponse>;
 
 std::vector<std::string> names(ResourcesResponse const& response)
 {
@@ -21,7 +21,7 @@ std::vector<std::string> names(ResourcesResponse const& response)
 
 // Account 1001 of the emulator, addressed as the storage URL is split: the path keeps its
 // leading slash, so every address has "//" after the port.
-class ResourceClientTest : public testing::LoopbackTest {
+class ResourceClientTest : public test::LoopbackTest {
 protected:
     void SetUp() override
     {

@@ -5,7 +5,7 @@
 namespace tavix::restclient::storage {
 namespace {
 
-using testing::json;
+using test::json;
 
 std::vector<std::string> names(ResourcesResponse const& response)
 {

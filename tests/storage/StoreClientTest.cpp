@@ -6,11 +6,11 @@ namespace tavix::restclient::storage {
 namespace {
 
 namespace http = boost::beast::http;
-using testing::json;
-using Stored = testing::Completion<StoreResponse, veltrun::TavixErrorResponse>;
+using test::json;
+using Stored = test::Completion<StoreResponse, veltrun::TavixErrorResponse>;
 
 // Account 1001 of the emulator below "/storage/v1/accounts", whose leading slash gives "//".
-class StoreClientTest : public testing::LoopbackTest {
+class StoreClientTest : public test::LoopbackTest {
 protected:
     StoreClient client(Stored& done, std::string const& at = "127.0.0.1")
     {

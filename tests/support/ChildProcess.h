@@ -17,7 +17,7 @@
 
 extern char** environ;
 
-namespace tavix::testing {
+namespace tavix::test {
 
 // The whole of a file ("" when it cannot be read).
 inline std::string fileText(std::string const& path)
@@ -82,4 +82,4 @@ private:
     int m_status = 127 << 8;  // until reaped: as a program that could not be run
 };
 
-} // namespace tavix::testing
+} // namespace tavix::test

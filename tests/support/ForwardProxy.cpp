@@ -1,6 +1,6 @@
 #include <tests/support/ForwardProxy.h>
 
-#include <platform/net/http/Url.h>
+#include <tavix/net/http/Url.h>
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/write.hpp>
@@ -11,7 +11,7 @@
 
 #include <array>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 namespace asio = boost::asio;
 namespace http = boost::beast::http;
@@ -213,4 +213,4 @@ void ForwardProxy::record(Seen seen)
     m_seen.push_back(std::move(seen));
 }
 
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 class ForwardProxy {
 public:
@@ -56,4 +56,4 @@ private:
     std::thread m_thread;
 };
 
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -12,7 +12,7 @@
 #include <random>
 #include <stdexcept>
 
-namespace tavix::testing::certs {
+namespace tavix::test::certs {
 
 namespace {
 
@@ -84,4 +84,4 @@ emulator::TlsFiles issueServerCertificate(std::string const& directory, std::str
     return files;
 }
 
-} // namespace tavix::testing::certs
+} // namespace tavix::test::certs

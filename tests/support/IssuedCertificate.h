@@ -7,7 +7,7 @@
 #include <chrono>
 #include <string>
 
-namespace tavix::testing::certs {
+namespace tavix::test::certs {
 
 // Writes <directory>/<name>.pem and <name>-key.pem for `altNames` (e.g. "DNS:elsewhere.example"),
 // valid from now + `notBefore` to now + `notAfter`. Throws std::runtime_error when OpenSSL fails.
@@ -15,4 +15,4 @@ emulator::TlsFiles issueServerCertificate(std::string const& directory, std::str
                                           std::string const& altNames, std::chrono::seconds notBefore,
                                           std::chrono::seconds notAfter);
 
-} // namespace tavix::testing::certs
+} // namespace tavix::test::certs

@@ -5,7 +5,7 @@
 
 #include <sstream>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 Json::Value json(std::string const& text)
 {
@@ -16,4 +16,4 @@ Json::Value json(std::string const& text)
     return root;
 }
 
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -5,8 +5,8 @@
 
 #include <string>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 Json::Value json(std::string const& text);
 
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -2,7 +2,7 @@
 
 #include <thread>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 bool runUntil(boost::asio::io_context& io, std::function<bool()> const& done, std::chrono::milliseconds bound)
 {
@@ -57,4 +57,4 @@ void LoopbackTest::expectJsonHeaders(emulator::CapturedRequest const& request,
     EXPECT_EQ(request.header("Authorization"), authorization) << request.requestLine;
 }
 
-} // namespace tavix::testing
+} // namespace tavix::test

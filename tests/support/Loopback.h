@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 // Runs `io` until `done()` holds (true) or `bound` has passed (false).
 bool runUntil(boost::asio::io_context& io, std::function<bool()> const& done, std::chrono::milliseconds bound);
@@ -83,4 +83,4 @@ protected:
     std::string const token = emulator::kDefaultToken;
 };
 
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <stdexcept>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 namespace {
 
@@ -146,4 +146,4 @@ void RawPeer::serve()
     }
 }
 
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 class RawPeer {
 public:
@@ -65,4 +65,4 @@ private:
     std::thread m_thread;
 };
 
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 namespace {
 char const* const kVariable = "TAVIX_CONTROLLER_CONFIG";
@@ -37,4 +37,4 @@ void ScopedControllerConfig::write(std::string const& text) const
     boost::filesystem::rename(next, m_path);
 }
 
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 class ScopedControllerConfig {
 public:
@@ -23,4 +23,4 @@ private:
     std::optional<std::string> m_previous;
 };
 
-} // namespace tavix::testing
+} // namespace tavix::test

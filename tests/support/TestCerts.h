@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace tavix::testing::certs {
+namespace tavix::test::certs {
 
 inline std::string file(std::string const& name) { return std::string(RESTCLIENT_TEST_CERT_DIR) + "/" + name; }
 
@@ -18,4 +18,4 @@ inline emulator::TlsFiles trustedServer() { return {file("server.pem"), file("se
 // Self-signed, same names: nothing trusts it.
 inline emulator::TlsFiles untrustedServer() { return {file("untrusted.pem"), file("untrusted-key.pem")}; }
 
-} // namespace tavix::testing::certs
+} // namespace tavix::test::certs

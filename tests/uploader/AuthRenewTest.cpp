@@ -82,8 +82,8 @@ TEST(AuthRenew, ProcessWithARenewerExitsCleanly)
 TEST(AuthRenew, ExitDuringARenewalIsQuick)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    tavix::testing::RawPeer silent("", tavix::testing::RawPeer::After::hold);
-    tavix::testing::ScopedControllerConfig config{
+    tavix::test::RawPeer silent("", tavix::test::RawPeer::After::hold);
+    tavix::test::ScopedControllerConfig config{
         "auth_url = http://127.0.0.1:" + std::to_string(silent.port()) + "/oauth/token\n"};
     auto const start = std::chrono::steady_clock::now();
     EXPECT_EXIT(

@@ -1,7 +1,7 @@
 #include <tests/uploader/UploaderFixture.h>
 
-#include <platform/controller/OAuthHelper.h>
-#include <platform/version/BuildVersion.h>
+#include <tavix/controller/OAuthHelper.h>
+#include <tavix/version/BuildVersion.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,7 +13,7 @@
 
 #include <unistd.h>
 
-namespace tavix::testing {
+namespace tavix::test {
 namespace {
 
 struct EndToEnd {
@@ -177,4 +177,4 @@ TEST(ISO8601Time, LocalTimeWithTheZoneOffsetColonSeparated)
 }
 
 } // namespace
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -4,12 +4,12 @@
 
 #include <restclient/authentication/AuthRenew.h>
 
-#include <platform/controller/OAuthHelper.h>
+#include <tavix/controller/OAuthHelper.h>
 
 #include <ctime>
 #include <thread>
 
-namespace tavix::testing {
+namespace tavix::test {
 namespace {
 
 // Two pauses of 10 seconds, with room to spare.
@@ -45,4 +45,4 @@ TEST_F(UploaderTest, RenewerGetsMissingAndLongExpiredTokensOnly)
 }
 
 } // namespace
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -1,6 +1,6 @@
 #include <tests/uploader/UploaderFixture.h>
 
-namespace tavix::testing {
+namespace tavix::test {
 namespace {
 
 std::string const kLocate = "locations/ACCOUNT";
@@ -134,4 +134,4 @@ TEST_F(UploaderTest, FailedLookupBacksOffForTheNextUploader)
 }
 
 } // namespace
-} // namespace tavix::testing
+} // namespace tavix::test

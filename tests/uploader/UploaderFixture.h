@@ -17,7 +17,7 @@
 #include <memory>
 #include <string>
 
-namespace tavix::testing {
+namespace tavix::test {
 
 namespace fs = boost::filesystem;
 using restclient::storage::FileUploader;
@@ -103,4 +103,4 @@ protected:
     fs::path dir;
 };
 
-} // namespace tavix::testing
+} // namespace tavix::test

@@ -4,7 +4,7 @@
 
 #include <tools/cli/Output.h>
 
-#include <restclient/RestClient.h>
+#include <restclient/RequestEngine.h>
 #include <restclient/veltrun/TavixErrorResponse.h>
 
 #include <boost/asio/io_context.hpp>

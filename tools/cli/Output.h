@@ -3,6 +3,7 @@
 #pragma once
 
 #include <restclient/IWebSerializable.h>
+#include <restclient/veltrun/BasicErrorResponse.h>
 #include <restclient/veltrun/TavixErrorResponse.h>
 
 #include <json/value.h>

@@ -8,7 +8,7 @@
 #include <restclient/httplite/RegistrationClient.h>
 #include <restclient/storage/FileUploader.h>
 
-#include <platform/controller/OAuthHelper.h>
+#include <tavix/controller/OAuthHelper.h>
 
 #include <fmt/format.h>
 

@@ -2,16 +2,15 @@
 
 #include <tools/cli/Blocking.h>
 
-#include <platform/controller/AuthenticationServiceClient.h>
-#include <platform/controller/OAuthHelper.h>
+#include <tavix/controller/AuthenticationServiceClient.h>
+#include <tavix/controller/OAuthHelper.h>
 
 #include <boost/algorithm/string/trim.hpp>
 
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
-#include <unistd.h>
+#include <utility>
 
 namespace tavix::cli {
 
@@ -22,31 +21,26 @@ Exit split(std::string const& url, Address& a)
     return a.parse(url) ? ok : fail(badUsage, "not an absolute URL: '" + url + "'");
 }
 
-Session::~Session()
-{
-    if (!m_settingsCopy.empty()) std::remove(m_settingsCopy.c_str());
-}
-
 Exit Session::begin()
 {
     if (Exit const e = readToken(); e != ok) return e;
-    if (!options.config.empty()) ::setenv("TAVIX_CONTROLLER_CONFIG", options.config.c_str(), 1);
+    if (!options.config.empty()) controller::Settings::useFile(options.config);
+    // The flags go over the file's values for this process, the library's own reads included.
+    std::pair<char const*, std::string const&> const flags[] = {{"locator_url", options.locatorUrl},
+                                                                 {"auth_url", options.authUrl},
+                                                                 {"ca_file", options.caFile},
+                                                                 {"client_cert_file", options.clientCert}};
+    for (auto const& [key, value] : flags) {
+        if (value.empty()) continue;
+        if (auto const bad = controller::Settings::set(key, value)) {
+            return fail(badUsage, std::string("settings: ") + key + ": " + bad.message());
+        }
+    }
     boost::system::error_code ec;
     std::string detail;
     m_settings = controller::Settings::load(ec, &detail);
     if (ec) return fail(badUsage, "settings: " + detail + ": " + ec.message());
-
-    bool changed = false;
-    auto apply = [&changed](std::string const& flag, std::string& setting) {
-        if (flag.empty() || flag == setting) return;
-        setting = flag;
-        changed = true;
-    };
-    apply(options.locatorUrl, m_settings.locatorUrl);
-    apply(options.authUrl, m_settings.authUrl);
-    apply(options.caFile, m_settings.caFile);
-    apply(options.clientCert, m_settings.clientCertFile);
-    return changed ? writeSettingsCopy() : ok;
+    return ok;
 }
 
 // A token on the command line is in the process list for every local user to read while the
@@ -67,33 +61,6 @@ Exit Session::readToken()
     } else if (char const* fromEnv = std::getenv("RESTCLIENT_TOKEN"); fromEnv && *fromEnv) {
         options.token = fromEnv;
     }
-    return ok;
-}
-
-// The library reads its settings from the file that TAVIX_CONTROLLER_CONFIG names, so the flags
-// reach it through a copy of that file.
-Exit Session::writeSettingsCopy()
-{
-    char name[] = "/tmp/restclient-settings-XXXXXX";
-    int const fd = ::mkstemp(name);
-    if (fd < 0) return fail(localFailure, "cannot write a settings file in /tmp");
-    ::close(fd);
-    m_settingsCopy = name;
-    std::ofstream file(m_settingsCopy, std::ios::trunc);
-    auto line = [&file](char const* key, std::string const& value) {
-        if (!value.empty()) file << key << " = " << value << "\n";
-    };
-    line("locator_url", m_settings.locatorUrl);
-    line("auth_url", m_settings.authUrl);
-    line("client_cert_file", m_settings.clientCertFile);
-    line("ca_file", m_settings.caFile);
-    line("common_name", m_settings.commonName);
-    if (m_settings.disableTls) line("disable_tls", "true");
-    // Present but empty still means "direct, whatever the environment says".
-    if (m_settings.proxy) file << "proxy = " << *m_settings.proxy << "\n";
-    if (m_settings.noProxy) file << "no_proxy = " << *m_settings.noProxy << "\n";
-    if (!file.flush()) return fail(localFailure, "cannot write the settings file " + m_settingsCopy);
-    ::setenv("TAVIX_CONTROLLER_CONFIG", m_settingsCopy.c_str(), 1);
     return ok;
 }
 

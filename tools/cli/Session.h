@@ -9,7 +9,7 @@
 #include <restclient/detail/ServiceAddress.h>
 #include <restclient/locator/LocationClient.h>
 
-#include <platform/controller/Settings.h>
+#include <tavix/controller/Settings.h>
 
 #include <boost/asio/io_context.hpp>
 
@@ -40,10 +40,9 @@ public:
     Session() = default;
     Session(Session const&) = delete;
     Session& operator=(Session const&) = delete;
-    ~Session();
 
-    // Takes the token from its source; reads the settings file; when flags change settings the library reads itself (endpoints,
-    // CA, client certificate), points it at a private copy with the flags applied.
+    // Takes the token from its source; reads the settings file and lays the flags that change
+    // settings the library reads itself (endpoints, CA, client certificate) over it, in-process.
     Exit begin();
     controller::Settings const& settings() const { return m_settings; }
 
@@ -66,10 +65,8 @@ public:
 
 private:
     Exit readToken();
-    Exit writeSettingsCopy();
 
     controller::Settings m_settings;
-    std::string m_settingsCopy;
     std::string m_token;
 };
 

@@ -5,7 +5,7 @@
 #include <restclient/detail/CurlProxy.h>
 #include <restclient/storage/FileUploader.h>
 
-#include <platform/controller/OAuthHelper.h>
+#include <tavix/controller/OAuthHelper.h>
 
 #include <boost/filesystem/path.hpp>
 #include <curl/curl.h>

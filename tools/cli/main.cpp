@@ -2,7 +2,7 @@
 // library's clients and its uploader.
 #include <tools/cli/Commands.h>
 
-#include <platform/logger/Logger.h>
+#include <tavix/Logger.h>
 
 #include <curl/curl.h>
 #include <log4cplus/logger.h>

@@ -1,5 +1,5 @@
 #include <tools/emulator/HttpServer.h>
-#include <tools/emulator/HttpServerSession.h>
+#include <tools/emulator/detail/HttpServerSession.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>

@@ -1,6 +1,6 @@
 #include <tools/soak/EmulatorProcess.h>
 
-#include <platform/controller/Settings.h>
+#include <tavix/controller/Settings.h>
 
 #include <boost/filesystem/operations.hpp>
 

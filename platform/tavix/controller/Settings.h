@@ -1,0 +1,64 @@
+// The controller's provisioning settings: a file of `key = value` lines named by the
+// environment variable TAVIX_CONTROLLER_CONFIG (default /etc/tavix/controller.conf), with the
+// values a program sets in-process laid over it.
+// A re-provisioned device needs no restart: each use looks at the file's status and parses it
+// again when it changed.
+#pragma once
+
+#include <tavix/Export.h>
+
+#include <boost/system/error_code.hpp>
+
+#include <optional>
+#include <string>
+
+namespace tavix::controller {
+
+// Errors of `Settings::load`. A missing file is not one: it means nothing is configured. Any
+// other reason the file cannot be read (a directory, no permission, a read error) is
+// `unreadable`.
+enum class SettingsError { unreadable = 1, malformedLine, unknownKey, badValue };
+TAVIX_EXPORT boost::system::error_category const& settings_category();
+TAVIX_EXPORT boost::system::error_code make_error_code(SettingsError e);
+
+struct TAVIX_EXPORT Settings {
+    std::string locatorUrl;      // locator_url
+    std::string authUrl;         // auth_url: token endpoint
+    std::string clientCertFile;  // client_cert_file: PEM with certificate and key
+    std::string caFile;          // ca_file: CA bundle for HTTPS REST peers
+    bool disableTls = false;     // disable_tls
+    std::string commonName;      // common_name
+    bool connectionReuse = true; // connection_reuse: keep HTTP connections alive between requests
+    // The HTTP proxy of REST and transfer: with either line present the settings decide alone
+    // and the environment's proxy variables are ignored (see net::http::chooseProxy).
+    std::optional<std::string> proxy;    // proxy: http://[user:password@]host[:port]; empty: direct
+    std::optional<std::string> noProxy;  // no_proxy: hosts, .domains and addresses reached directly
+
+    // The file: the one `useFile` named, else TAVIX_CONTROLLER_CONFIG's, else the default.
+    static std::string path();
+    // Reads `path()`, or takes the last result while the file's status (modification time,
+    // size, identity) is unchanged, then lays the in-process values over it. On error `ec` is
+    // set, `detail` (when given) says where and why (the path and the system's reason, or the
+    // path and line), and the settings returned are empty.
+    static Settings load(boost::system::error_code& ec, std::string* detail = nullptr);
+    // `load` for callers that treat unreadable settings as nothing set.
+    static Settings current();
+    static Settings parse(std::string const& text, boost::system::error_code& ec,
+                          std::string* detail = nullptr);
+
+    // The in-process source, for programs and tests that set values without writing a file.
+    // `set` takes a key and value as the file would (a second `set` of a key replaces the
+    // first) and holds it over the file's value until `clearSet`; a bad key or value is refused
+    // with `unknownKey` or `badValue` and changes nothing. `useFile` names the file for this
+    // process (empty: back to the environment). All three are safe from any thread.
+    static boost::system::error_code set(std::string const& key, std::string const& value);
+    static void clearSet();
+    static void useFile(std::string const& file);
+};
+
+} // namespace tavix::controller
+
+namespace boost::system {
+template <>
+struct is_error_code_enum<tavix::controller::SettingsError> : std::true_type {};
+} // namespace boost::system

@@ -1,0 +1,11 @@
+#include <tavix/controller/SoapHelper.h>
+
+#include <tavix/controller/Settings.h>
+
+namespace tavix::controller {
+
+std::string SoapHelper::GetClientCertFile() { return Settings::current().clientCertFile; }
+
+bool SoapHelper::GetDisableTLS() { return Settings::current().disableTls; }
+
+} // namespace tavix::controller

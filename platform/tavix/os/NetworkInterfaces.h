@@ -1,0 +1,17 @@
+// What the operating system tells about this device's network interfaces.
+#pragma once
+
+#include <tavix/Export.h>
+
+#include <string>
+
+namespace tavix::os {
+
+class TAVIX_EXPORT NetworkInterfaces {
+public:
+    // The MAC address of the first non-loopback interface that has one, as "aa:bb:cc:dd:ee:ff";
+    // empty when there is none.
+    static std::string uniqueMacAddress();
+};
+
+} // namespace tavix::os

@@ -1,0 +1,13 @@
+// The build's version text, fixed when the platform library is built.
+#pragma once
+
+#include <tavix/Export.h>
+
+#include <string>
+
+namespace tavix::version {
+
+// "<major>.<minor>.<patch>+<git revision>", or without the revision outside a git checkout.
+TAVIX_EXPORT std::string get_build_version();
+
+} // namespace tavix::version

@@ -1,0 +1,44 @@
+// Every public header of both libraries, for callers who want them all.
+#pragma once
+
+#include <tavix/JsonWriter.h>
+#include <tavix/Logger.h>
+#include <tavix/controller/AuthenticationServiceClient.h>
+#include <tavix/controller/CommonName.h>
+#include <tavix/controller/LocatorServiceClient.h>
+#include <tavix/controller/OAuthHelper.h>
+#include <tavix/controller/Settings.h>
+#include <tavix/controller/SoapHelper.h>
+#include <tavix/crypto/FileHash.h>
+#include <tavix/net/http/HttpClient.h>
+#include <tavix/net/http/HttpMessage.h>
+#include <tavix/net/http/ProxyChoice.h>
+#include <tavix/net/http/Url.h>
+#include <tavix/os/KernelX.h>
+#include <tavix/os/NetworkInterfaces.h>
+#include <tavix/version/BuildVersion.h>
+
+#include <restclient/AsyncOperation.h>
+#include <restclient/AuthCallback.h>
+#include <restclient/IWebRequest.h>
+#include <restclient/IWebResponse.h>
+#include <restclient/IWebSerializable.h>
+#include <restclient/RequestEngine.h>
+#include <restclient/Value.h>
+#include <restclient/Variant.h>
+#include <restclient/account/AccountClient.h>
+#include <restclient/account/AccountUserClient.h>
+#include <restclient/account/SplitUrl.h>
+#include <restclient/authentication/AuthRenew.h>
+#include <restclient/geo/GeoClient.h>
+#include <restclient/httplite/RegistrationClient.h>
+#include <restclient/locator/Endpoint.h>
+#include <restclient/locator/LocationClient.h>
+#include <restclient/storage/FileUploader.h>
+#include <restclient/storage/Metadata.h>
+#include <restclient/storage/Resource.h>
+#include <restclient/storage/ResourceClient.h>
+#include <restclient/storage/ResourceResponse.h>
+#include <restclient/storage/StoreClient.h>
+#include <restclient/veltrun/BasicErrorResponse.h>
+#include <restclient/veltrun/TavixErrorResponse.h>
