@@ -10,8 +10,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <stdexcept>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -45,8 +45,8 @@ std::string metadataDocument(int count)
     std::string text = R"({"metadata": {"item": [)";
     for (int i = 0; i < count; ++i) {
         std::string value = i % 3 == 0 ? fmt::format(R"("value number {}")", i)
-                            : i % 3 == 1 ? std::to_string(i * 1000003LL)
-                                         : fmt::format("{}.25", i);
+            : i % 3 == 1               ? std::to_string(i * 1000003LL)
+                                       : fmt::format("{}.25", i);
         text += fmt::format(R"({}{{"key": "key-{:04}", "value": {}}})", i ? "," : "", i, value);
     }
     return text + "]}}";

@@ -48,7 +48,8 @@ std::string certFile(char const* name) { return std::string(RESTCLIENT_TEST_CERT
 
 std::string jsonDocument()
 {
-    std::string doc = R"({"id": "4f1c2a9e-63b0-4c1e-9a57-0d2e8c1b7f30", "name": "bench document", "version": 7, "links": [)";
+    std::string doc =
+        R"({"id": "4f1c2a9e-63b0-4c1e-9a57-0d2e8c1b7f30", "name": "bench document", "version": 7, "links": [)";
     for (int i = 0; i < 12; ++i) {
         doc += fmt::format(R"({}{{"rel": "service-{}", "href": "https://service-{}.example.com/api/v1/items"}})",
                            i ? ", " : "", i, i);
@@ -72,8 +73,7 @@ using Engine = restclient::RestClient<Doc, restclient::veltrun::BasicErrorRespon
 void runUntil(asio::io_context& io, bool const& done, int& failures)
 {
     if (io.stopped()) io.restart();
-    while (!done && io.run_one() > 0) {
-    }
+    while (!done && io.run_one() > 0) {}
     if (!done) ++failures;
 }
 
@@ -84,11 +84,12 @@ int engineLoop(std::string const& url, int count)
     int failures = 0;
     for (int i = 0; i < count; ++i) {
         bool done = false;
-        Engine client(io, [&](Doc const& doc, restclient::veltrun::BasicErrorResponse, unsigned int status,
-                              boost::system::error_code const& ec) {
-            done = true;
-            if (ec || status != 200 || doc.links != 12) ++failures;
-        });
+        Engine client(io,
+                      [&](Doc const& doc, restclient::veltrun::BasicErrorResponse, unsigned int status,
+                          boost::system::error_code const& ec) {
+                          done = true;
+                          if (ec || status != 200 || doc.links != 12) ++failures;
+                      });
         boost::system::error_code ec;
         client.request().url(net::http::Url::createUrl(url, ec));
         client.request().accept("application/json");
@@ -135,13 +136,14 @@ int transportLoop(std::string const& url, int count)
 // The obvious minimal Beast code: no time-outs, no URL parsing, no JSON decoding.
 struct PlainBeast {
     enum class Mode {
-        newConnection,  // "Connection: close", a new connection (and full TLS handshake) per request
-        resumed,        // the same, offering the TLS session of the previous connection
-        keptAlive       // one connection for all requests
+        newConnection, // "Connection: close", a new connection (and full TLS handshake) per request
+        resumed,       // the same, offering the TLS session of the previous connection
+        keptAlive      // one connection for all requests
     };
     using TlsStream = asio::ssl::stream<tcp::socket>;
 
-    PlainBeast(unsigned short port, asio::ssl::context* tls) : endpoint(asio::ip::make_address("127.0.0.1"), port), tls(tls)
+    PlainBeast(unsigned short port, asio::ssl::context* tls)
+        : endpoint(asio::ip::make_address("127.0.0.1"), port), tls(tls)
     {
         for (auto* request : {&closing, &keepAlive}) {
             request->set(http::field::host, "127.0.0.1:" + std::to_string(port));
@@ -169,7 +171,10 @@ struct PlainBeast {
         session = current ? SSL_SESSION_dup(current) : nullptr;
     }
 
-    http::request<http::empty_body> const& request(Mode mode) const { return mode == Mode::keptAlive ? keepAlive : closing; }
+    http::request<http::empty_body> const& request(Mode mode) const
+    {
+        return mode == Mode::keptAlive ? keepAlive : closing;
+    }
 
     int sync(int count, Mode mode)
     {
@@ -229,7 +234,8 @@ struct PlainBeast {
             response = {};
             http::async_write(stream, request(mode), [&](boost::system::error_code ec, std::size_t) {
                 if (ec) return finish(ec);
-                http::async_read(stream, buffer, response, [&](boost::system::error_code ec, std::size_t) { finish(ec); });
+                http::async_read(stream, buffer, response,
+                                 [&](boost::system::error_code ec, std::size_t) { finish(ec); });
             });
         };
         auto openTls = [&](TlsStream& stream, auto then) {
@@ -324,8 +330,8 @@ struct Contender {
 };
 
 struct Result {
-    double rate = 0;  // best of the rounds, requests per second
-    emulator::ConnectionCounts cost;  // of the last round
+    double rate = 0;                 // best of the rounds, requests per second
+    emulator::ConnectionCounts cost; // of the last round
 };
 
 Result measure(Contender const& contender, int count, emulator::HttpServer const& server, Result best)
@@ -347,9 +353,10 @@ void compare(std::string const& title, emulator::HttpServer const& server, int c
              std::vector<Contender> const& contenders)
 {
     std::vector<Result> results(contenders.size());
-    for (auto const& contender : contenders) contender.run(count / 10 + 1);  // warm up: TLS context, allocator, pool
+    for (auto const& contender : contenders) contender.run(count / 10 + 1); // warm up: TLS context, allocator, pool
     for (int round = 0; round < rounds; ++round) {
-        for (std::size_t i = 0; i < contenders.size(); ++i) results[i] = measure(contenders[i], count, server, results[i]);
+        for (std::size_t i = 0; i < contenders.size(); ++i)
+            results[i] = measure(contenders[i], count, server, results[i]);
     }
     fmt::print("{}: {} sequential GETs, best of {}\n", title, count, rounds);
     fmt::print("  {:<26} {:>8}   {:>11} {:>9} {:>11}   (server side, one round)\n", "", "req/s", "connections",
@@ -362,7 +369,8 @@ void compare(std::string const& title, emulator::HttpServer const& server, int c
         if (!contenders[i].ours) continue;
         std::string line;
         for (std::size_t j = 0; j < contenders.size(); ++j) {
-            if (!contenders[j].ours) line += fmt::format("   / {} {:.3f}", contenders[j].name, results[i].rate / results[j].rate);
+            if (!contenders[j].ours)
+                line += fmt::format("   / {} {:.3f}", contenders[j].name, results[i].rate / results[j].rate);
         }
         fmt::print("  {:<26}{}\n", contenders[i].name, line);
     }
@@ -387,7 +395,8 @@ void compareProtocol(char const* name, std::string const& url, emulator::HttpSer
         {"sync Beast", false, [&](int n) { return plain.sync(n, Mode::newConnection); }},
     };
     if (tls) fresh.push_back({"async Beast, resumed", false, [&](int n) { return plain.async(n, Mode::resumed); }});
-    compare(fmt::format("{}, a new connection per request (connection_reuse = false)", name), server, count, rounds, fresh);
+    compare(fmt::format("{}, a new connection per request (connection_reuse = false)", name), server, count, rounds,
+            fresh);
 
     std::vector<Contender> const kept = {
         {"engine over the pool", true, ours(true, engineLoop)},

@@ -16,8 +16,8 @@
 #include <bench/upload/BareSink.h>
 #include <bench/upload/SenderProcess.h>
 
-#include <tavix/crypto/FileHash.h>
 #include <restclient/storage/StoreClient.h>
+#include <tavix/crypto/FileHash.h>
 #include <tools/emulator/CloudEmulator.h>
 
 #include <boost/asio/io_context.hpp>
@@ -55,11 +55,11 @@ enum class Target { emulator, sink };
 char const* name(Target target) { return target == Target::emulator ? "emulator" : "sink"; }
 
 struct Sender {
-    double transfer = 0;        // seconds, best of the rounds
-    double peak = 0;            // MB, highest of the rounds
-    double own = 0;             // MB, the peak less the shared libraries' pages, highest of the rounds
-    double chain = 0;           // the uploader's, seconds
-    double beforeTransfer = 0;  // the uploader's, seconds
+    double transfer = 0;       // seconds, best of the rounds
+    double peak = 0;           // MB, highest of the rounds
+    double own = 0;            // MB, the peak less the shared libraries' pages, highest of the rounds
+    double chain = 0;          // the uploader's, seconds
+    double beforeTransfer = 0; // the uploader's, seconds
 };
 
 struct Row {
@@ -67,7 +67,7 @@ struct Row {
 
     std::uint64_t size;
     Target target;
-    double md5 = 0;  // seconds
+    double md5 = 0; // seconds
     Sender uploader;
     Sender bare;
 };
@@ -109,7 +109,7 @@ void writeFile(fs::path const& path, std::uint64_t size)
     std::FILE* file = std::fopen(path.c_str(), "wb");
     if (!file) throw std::runtime_error("cannot create " + path.string());
     for (std::uint64_t left = size; left > 0;) {
-        for (std::uint64_t& word : block) {  // splitmix64
+        for (std::uint64_t& word : block) { // splitmix64
             std::uint64_t z = (state += 0x9e3779b97f4a7c15ULL);
             z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
             z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
@@ -246,8 +246,8 @@ private:
         m_cloud.reset();
         if (report.exitCode != 0 || report.text("error") != "0")
             throw std::runtime_error(fmt::format("the uploader failed ({} to the {}): exit {}, error {} {}",
-                                                sizeText(row.size), name(row.target), report.exitCode,
-                                                report.text("error"), report.text("message")));
+                                                 sizeText(row.size), name(row.target), report.exitCode,
+                                                 report.text("error"), report.text("message")));
         checkDelivered(row, "upload-bench/" + file.filename().string(), "uploader");
         keep(row.uploader, report, round == 0);
     }
@@ -261,9 +261,9 @@ private:
         m_cloud.reset();
         if (report.exitCode != 0)
             throw std::runtime_error(fmt::format("the bare sender failed ({} to the {}): exit {}, status {}, curl "
-                                                "error {}",
-                                                sizeText(row.size), name(row.target), report.exitCode,
-                                                report.text("status"), report.text("curl")));
+                                                 "error {}",
+                                                 sizeText(row.size), name(row.target), report.exitCode,
+                                                 report.text("status"), report.text("curl")));
         checkDelivered(row, objectName, "bare sender");
         keep(row.bare, report, round == 0);
     }
@@ -271,10 +271,10 @@ private:
     void checkDelivered(Row const& row, std::string const& objectName, char const* sender)
     {
         bool const whole = row.target == Target::sink ? m_sink.takeBodyBytes() == row.size
-                                                       : storedWhole(m_cloud, objectName, row.size);
+                                                      : storedWhole(m_cloud, objectName, row.size);
         if (!whole)
-            throw std::runtime_error(fmt::format("the {}'s {} bytes did not arrive whole at the {}", sender, row.size,
-                                                 name(row.target)));
+            throw std::runtime_error(
+                fmt::format("the {}'s {} bytes did not arrive whole at the {}", sender, row.size, name(row.target)));
     }
 
     fs::path reportPath() const { return m_directory / "sender.report"; }
@@ -329,7 +329,7 @@ void printTargets(std::vector<Row> const& rows)
     std::string transfer, chain, peaks;
     bool transferMet = true, chainMet = true;
     double highest = 0;
-    std::map<std::uint64_t, double> peakBySize;  // the uploader's, over both targets
+    std::map<std::uint64_t, double> peakBySize; // the uploader's, over both targets
     for (Row const& row : rows) {
         highest = std::max(highest, row.uploader.peak);
         peakBySize[row.size] = std::max(peakBySize[row.size], row.uploader.peak);

@@ -104,20 +104,22 @@ int main(int argc, char** argv)
         fs::path const file = dir / "reading.bin";
         std::ofstream(file.string(), std::ios::binary) << std::string(1024, 'r');
         std::ofstream((dir / "log.properties").string()) << "log4cplus.rootLogger=WARN, err\n"
-                                                             "log4cplus.appender.err=log4cplus::ConsoleAppender\n"
-                                                             "log4cplus.appender.err.logToStdErr=true\n";
+                                                            "log4cplus.appender.err=log4cplus::ConsoleAppender\n"
+                                                            "log4cplus.appender.err.logToStdErr=true\n";
         ::setenv("TAVIX_LOG_CONFIG", (dir / "log.properties").c_str(), 1);
 
         fmt::print("upload chain over HTTPS with a client certificate, a 1 KB file, one emulator host;\n"
-                   "each mode in a fresh process: its first upload alone, then {} uploads\n", uploads);
+                   "each mode in a fresh process: its first upload alone, then {} uploads\n",
+                   uploads);
         fmt::print("  {:<28} {:>11} {:>9} {:>11} {:>10}\n", "per upload", "connections", "full TLS", "resumed TLS",
                    "wall ms");
         for (bool const reuse : {false, true}) {
             fs::path const settings = dir / (reuse ? "reuse.conf" : "no-reuse.conf");
-            std::ofstream(settings.string()) << "locator_url = " << cloud.locatorUrl() << "\nauth_url = "
-                                             << cloud.tokenUrl() << "\ncommon_name = chain-bench\nca_file = "
-                                             << certFile("ca.pem") << "\nclient_cert_file = " << certFile("client.pem")
-                                             << "\nconnection_reuse = " << (reuse ? "true" : "false") << "\n";
+            std::ofstream(settings.string())
+                << "locator_url = " << cloud.locatorUrl() << "\nauth_url = " << cloud.tokenUrl()
+                << "\ncommon_name = chain-bench\nca_file = " << certFile("ca.pem")
+                << "\nclient_cert_file = " << certFile("client.pem")
+                << "\nconnection_reuse = " << (reuse ? "true" : "false") << "\n";
             ::setenv("TAVIX_CONTROLLER_CONFIG", settings.c_str(), 1);
             Run const first = runSender(cloud, file, 1);
             Run const all = runSender(cloud, file, uploads);

@@ -1,5 +1,5 @@
-# Installs the public headers under include/ (include/restclient/, include/tavix/), both shared libraries, a CMake package
-# (restclient::restclient, restclient::platform) and restclient.pc.
+# Installs the public headers under include/restclient/ and include/tavix/, both shared
+# libraries, a CMake package (restclient::restclient, restclient::platform) and restclient.pc.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 

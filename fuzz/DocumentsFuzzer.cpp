@@ -26,8 +26,7 @@ void decodeEach(Json::Value const& root)
         try {
             document.handleResponse(root);
         } catch (Json::Exception const&) {
-        } catch (boost::bad_lexical_cast const&) {
-        }
+        } catch (boost::bad_lexical_cast const&) {}
         // Callbacks get copies; what a half-read document holds must copy.
         auto copy = document;
         static_cast<void>(copy);
@@ -42,9 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     Json::Value root;
     if (!tavix::fuzz::parseJson(tavix::fuzz::text(data, size), root)) return 0;
     decodeEach<account::AccountResponse, account::AccountUserResponse, account::AccountUserListResponse,
-               geo::GeoResponse, httplite::RegistrationResponse, locator::LocationResponse,
-               locator::LocationsResponse, storage::ResourceResponse, storage::ResourcesResponse,
-               storage::URLResponse, storage::StoreResponse, veltrun::TavixErrorResponse,
-               veltrun::BasicErrorResponse>(root);
+               geo::GeoResponse, httplite::RegistrationResponse, locator::LocationResponse, locator::LocationsResponse,
+               storage::ResourceResponse, storage::ResourcesResponse, storage::URLResponse, storage::StoreResponse,
+               veltrun::TavixErrorResponse, veltrun::BasicErrorResponse>(root);
     return 0;
 }

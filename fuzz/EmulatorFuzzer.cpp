@@ -38,8 +38,8 @@ std::optional<Request> nextRequest(std::string_view& input)
 std::optional<std::string> signedTarget(Response const& reply, std::string const& baseUrl)
 {
     Json::Value document;
-    if (reply.result() != http::status::ok || !tavix::fuzz::parseJson(reply.body(), document)
-        || !document.isObject() || !document["url"].isString())
+    if (reply.result() != http::status::ok || !tavix::fuzz::parseJson(reply.body(), document) || !document.isObject()
+        || !document["url"].isString())
         return std::nullopt;
     std::string const url = document["url"].asString();
     if (url.compare(0, baseUrl.size(), baseUrl) != 0) return std::nullopt;
@@ -72,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     static CloudEmulator cloud;
     std::string_view input(reinterpret_cast<char const*>(data), size);
     std::string lastSigned = "/blobs/none";
-    bool scripted = false;  // a scripted answer may be any status and text
+    bool scripted = false; // a scripted answer may be any status and text
     while (std::optional<Request> request = nextRequest(input)) {
         std::string target(request->target());
         if (auto at = target.find("{url}"); at != std::string::npos) {

@@ -18,9 +18,8 @@ int main(int argc, char** argv)
     unsigned status = 0;
     locator::LocationClient client(
         io,
-        [&](locator::LocationResponse const& r, veltrun::TavixErrorResponse, unsigned s, boost::system::error_code const& ec) {
-            status = !ec && !r.endpoint.endPointURL.value.empty() ? s : 0;
-        },
+        [&](locator::LocationResponse const& r, veltrun::TavixErrorResponse, unsigned s,
+            boost::system::error_code const& ec) { status = !ec && !r.endpoint.endPointURL.value.empty() ? s : 0; },
         argv[1], static_cast<unsigned>(std::atoi(argv[2])), argv[3], true, "/locator/rest");
     if (!client.getLocation("ACCOUNT")) io.run();
     return tavix::bench::report(status);

@@ -15,8 +15,7 @@ inline long statusKb(char const* field)
     long kb = 0;
     char line[256];
     std::string const format = std::string(field) + ": %ld kB";
-    while (std::fgets(line, sizeof line, status) && std::sscanf(line, format.c_str(), &kb) != 1) {
-    }
+    while (std::fgets(line, sizeof line, status) && std::sscanf(line, format.c_str(), &kb) != 1) {}
     std::fclose(status);
     return kb;
 }

@@ -56,8 +56,7 @@ BareSink::BareSink()
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    if (::bind(m_listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0
-        || ::listen(m_listener, 8) != 0
+    if (::bind(m_listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(m_listener, 8) != 0
         || ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         std::system_error const error = lastError("bind/listen");
         ::close(m_listener);
@@ -106,8 +105,7 @@ void BareSink::answer(int connection)
     head.resize(headEnd + 2);
     boost::algorithm::to_lower(head);
     std::uint64_t const length = std::strtoull(headerValue(head, "content-length:").c_str(), nullptr, 10);
-    if (headerValue(head, "expect:") == "100-continue" && !sendAll(connection, "HTTP/1.1 100 Continue\r\n\r\n"))
-        return;
+    if (headerValue(head, "expect:") == "100-continue" && !sendAll(connection, "HTTP/1.1 100 Continue\r\n\r\n")) return;
 
     std::uint64_t received = early;
     while (received < length) {

@@ -12,7 +12,7 @@ namespace tavix::bench {
 
 class BareSink {
 public:
-    BareSink();  // listens on a free port; throws std::system_error when it can't
+    BareSink(); // listens on a free port; throws std::system_error when it can't
     BareSink(BareSink const&) = delete;
     BareSink& operator=(BareSink const&) = delete;
     ~BareSink();

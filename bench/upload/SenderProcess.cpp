@@ -55,8 +55,7 @@ SenderReport runSender(boost::filesystem::path const& launcher, std::vector<std:
         if (!value.empty() && value.front() == ' ') value.erase(0, 1);
         result.values[key] = value;
     }
-    if (result.values.count("exit") == 0)
-        throw std::runtime_error("the launcher failed for " + arguments.front());
+    if (result.values.count("exit") == 0) throw std::runtime_error("the launcher failed for " + arguments.front());
     result.exitCode = static_cast<int>(result.number("exit"));
     result.peakMegabytes = result.number("peak_kb") * 1024.0 / 1e6;
     return result;

@@ -13,10 +13,10 @@ namespace tavix::bench {
 
 struct SenderReport {
     std::map<std::string, std::string> values;
-    double peakMegabytes = 0;  // wait4()'s ru_maxrss, in 10^6 bytes
-    int exitCode = -1;         // -1: it did not exit normally
+    double peakMegabytes = 0; // wait4()'s ru_maxrss, in 10^6 bytes
+    int exitCode = -1;        // -1: it did not exit normally
 
-    double number(std::string const& key) const;  // 0 when missing
+    double number(std::string const& key) const; // 0 when missing
     std::string text(std::string const& key) const;
 };
 

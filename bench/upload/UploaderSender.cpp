@@ -63,8 +63,7 @@ int main(int argc, char** argv)
         std::perror(argv[3]);
         return 1;
     }
-    std::fprintf(report,
-                 "chain %.6f\nbefore_transfer %.6f\ntransfer %.6f\nerror %d\nshared_kb %ld\nmessage %s\n",
+    std::fprintf(report, "chain %.6f\nbefore_transfer %.6f\ntransfer %.6f\nerror %d\nshared_kb %ld\nmessage %s\n",
                  seconds(end - start), seconds(transferStart - start), seconds(end - transferStart),
                  static_cast<int>(uploader.errorCode), tavix::bench::sharedResidentKb(), uploader.errorMessage.c_str());
     std::fclose(report);

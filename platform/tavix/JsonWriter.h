@@ -36,7 +36,10 @@ public:
     void place(std::string const& key, Json::Value value);
 
     template <typename T>
-    void write(std::string const& key, T const& value) { place(key, Json::Value(value)); }
+    void write(std::string const& key, T const& value)
+    {
+        place(key, Json::Value(value));
+    }
     void write(std::string const& key, char const* value);
 
     // False once a call was misused (and ignored).

@@ -40,8 +40,8 @@ void closeAtExit()
 void configureConsole()
 {
     log4cplus::SharedAppenderPtr console(new log4cplus::ConsoleAppender(true, true));
-    console->setLayout(std::make_unique<log4cplus::PatternLayout>(
-        LOG4CPLUS_TEXT("%D{%Y-%m-%d %H:%M:%S.%q} %-5p [%t] %m%n")));
+    console->setLayout(
+        std::make_unique<log4cplus::PatternLayout>(LOG4CPLUS_TEXT("%D{%Y-%m-%d %H:%M:%S.%q} %-5p [%t] %m%n")));
     log4cplus::Logger root = log4cplus::Logger::getRoot();
     root.addAppender(console);
     root.setLogLevel(log4cplus::INFO_LOG_LEVEL);

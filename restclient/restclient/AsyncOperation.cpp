@@ -39,8 +39,7 @@ AsyncOperation::Result AsyncOperation::WaitUntilDone(boost::asio::io_context& io
         }
         if (io.stopped()) io.restart();
         auto const deadline = std::chrono::steady_clock::now() + slice;
-        while (io.run_one_until(deadline) != 0) {
-        }
+        while (io.run_one_until(deadline) != 0) {}
         boost::mutex::scoped_lock lock(m_mutex);
         if (result != Pending) return result;
         m_condition.wait_for(lock, boost::chrono::milliseconds(slice.count()));

@@ -60,7 +60,8 @@ public:
 
     boost::system::error_code asyncRequest(boost::beast::http::verb verb)
     {
-        if (!m_request.url().isValid()) return boost::system::errc::make_error_code(boost::system::errc::invalid_argument);
+        if (!m_request.url().isValid())
+            return boost::system::errc::make_error_code(boost::system::errc::invalid_argument);
         m_request.method(verb);
         std::string const& payload = m_request.payload();
         if (!payload.empty()) m_request.contentLength(std::to_string(payload.size()));
@@ -68,13 +69,14 @@ public:
         if (m_shim) m_shim->detach();
         m_shim = boost::make_shared<HandleResponseShim>(this);
         if (!m_http) {
-            net::http::HttpClient::Completion relay = boost::bind(
-                &HandleResponseShim::handleResponse, m_shim, boost::placeholders::_1, boost::placeholders::_2);
+            net::http::HttpClient::Completion relay = boost::bind(&HandleResponseShim::handleResponse, m_shim,
+                                                                  boost::placeholders::_1, boost::placeholders::_2);
             m_http = std::make_shared<net::http::HttpClient>(m_io, relay);
         }
         return m_http->asyncRequest(m_request);
     }
 
+    // The one way the clients set the request's Authorization header.
     void authorization(std::string const& value) { m_request.setField("Authorization", value); }
 
     net::http::HttpRequest& request() { return m_request; }

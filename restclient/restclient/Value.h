@@ -42,11 +42,24 @@ struct BoolDeserializer {
     }
 };
 
-template <typename T> struct DefaultDeserializer;
-template <> struct DefaultDeserializer<unsigned int> { using type = UIntDeserializer; };
-template <> struct DefaultDeserializer<int> { using type = IntDeserializer; };
-template <> struct DefaultDeserializer<std::string> { using type = StringDeserializer; };
-template <> struct DefaultDeserializer<bool> { using type = BoolDeserializer; };
+template <typename T>
+struct DefaultDeserializer;
+template <>
+struct DefaultDeserializer<unsigned int> {
+    using type = UIntDeserializer;
+};
+template <>
+struct DefaultDeserializer<int> {
+    using type = IntDeserializer;
+};
+template <>
+struct DefaultDeserializer<std::string> {
+    using type = StringDeserializer;
+};
+template <>
+struct DefaultDeserializer<bool> {
+    using type = BoolDeserializer;
+};
 
 template <typename T, typename Serializer = BasicSerializer<T>,
           typename Deserializer = typename DefaultDeserializer<T>::type>

@@ -7,8 +7,8 @@
 #pragma once
 
 #include <restclient/Export.h>
-#include <tavix/JsonWriter.h>
 #include <restclient/Value.h>
+#include <tavix/JsonWriter.h>
 
 #include <boost/variant/get.hpp>
 #include <boost/variant/variant.hpp>

@@ -25,9 +25,9 @@ namespace tavix::emulator::calls {
 using Headers = std::vector<std::pair<std::string, std::string>>;
 
 struct Reply {
-    unsigned status = 0;  // 0: no answer (see ec)
+    unsigned status = 0; // 0: no answer (see ec)
     std::string body;
-    Json::Value json;     // null unless the body is JSON
+    Json::Value json; // null unless the body is JSON
     boost::beast::http::fields fields;
     boost::system::error_code ec;
 };
@@ -47,15 +47,15 @@ inline Reply exchange(boost::beast::http::verb method, std::string const& url, s
     request.url(net::http::Url::createUrl(url, ec));
     EXPECT_FALSE(ec) << url;
     request.method(method);
-    for (auto const& [name, value] : headers)
-        request.setField(name, value);
+    for (auto const& [name, value] : headers) request.setField(name, value);
     request.payload(body);
     client.asyncRequest(request);
-    EXPECT_TRUE(test::runUntil(io, [&] { return done; }, std::chrono::seconds(30))) << url;
+    EXPECT_TRUE(test::runUntil(
+        io, [&] { return done; }, std::chrono::seconds(30)))
+        << url;
     std::istringstream in(reply.body);
     std::string errors;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &reply.json, &errors))
-        reply.json = Json::Value();
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &reply.json, &errors)) reply.json = Json::Value();
     return reply;
 }
 
@@ -66,8 +66,7 @@ inline bool eventually(std::function<bool()> const& done)
 {
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
@@ -79,10 +78,7 @@ struct RawConnection {
     boost::asio::ip::tcp::socket socket{io};
     std::string received;
 
-    explicit RawConnection(unsigned short port)
-    {
-        socket.connect({boost::asio::ip::make_address("127.0.0.1"), port});
-    }
+    explicit RawConnection(unsigned short port) { socket.connect({boost::asio::ip::make_address("127.0.0.1"), port}); }
     // A peer that has closed already is no failure here: what it answered is what counts.
     void send(std::string const& bytes)
     {
@@ -105,8 +101,9 @@ struct RawConnection {
     std::string rest()
     {
         bool closed = false;
-        boost::asio::async_read(socket, boost::asio::dynamic_buffer(received),
-                                [&](boost::system::error_code ec, std::size_t) { closed = ec == boost::asio::error::eof; });
+        boost::asio::async_read(
+            socket, boost::asio::dynamic_buffer(received),
+            [&](boost::system::error_code ec, std::size_t) { closed = ec == boost::asio::error::eof; });
         io.restart();
         io.run_for(std::chrono::seconds(10));
         return closed ? received : std::string();

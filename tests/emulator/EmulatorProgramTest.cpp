@@ -43,8 +43,8 @@ TEST(EmulatorProgram, MakesItsCertificatesWritesTheDeviceSettingsAndKeepsItsData
 {
     fs::path const data = fs::temp_directory_path() / fs::unique_path("emu-data-%%%%%%");
     std::string const settingsFile = data.string() + ".conf";
-    std::vector<std::string> const args = program({"--make-certs", "--require-client-cert", "--data-dir",
-                                                   data.string(), "--write-settings", settingsFile});
+    std::vector<std::string> const args = program(
+        {"--make-certs", "--require-client-cert", "--data-dir", data.string(), "--write-settings", settingsFile});
     std::string ca;
     {
         ChildProcess emulator(args);
@@ -64,13 +64,17 @@ TEST(EmulatorProgram, MakesItsCertificatesWritesTheDeviceSettingsAndKeepsItsData
         Reply const token = exchange(verb::post, settings.authUrl, "grant_type=client_credentials&client_id=dev",
                                      {{"Content-Type", "application/x-www-form-urlencoded"}});
         ASSERT_EQ(token.status, 200u) << token.body;
-        Reply const stored = exchange(verb::post, base + "/storage/v1/accounts/1001/files", R"({"resource": {"name": "p/kept"}})",
-                                      bearer(token.json["access_token"].asString()));
+        Reply const stored =
+            exchange(verb::post, base + "/storage/v1/accounts/1001/files", R"({"resource": {"name": "p/kept"}})",
+                     bearer(token.json["access_token"].asString()));
         ASSERT_EQ(stored.status, 200u) << stored.body;
-        EXPECT_EQ(exchange(verb::put, stored.json["url"].asString(), "kept bytes", {{"Content-Type", "binary/octet-stream"}}).status,
-                  200u);
+        EXPECT_EQ(
+            exchange(verb::put, stored.json["url"].asString(), "kept bytes", {{"Content-Type", "binary/octet-stream"}})
+                .status,
+            200u);
         device.write("ca_file = " + settings.caFile + "\n");
-        EXPECT_EQ(exchange(verb::get, settings.locatorUrl + "/locations").status, 0u) << "a client certificate is required";
+        EXPECT_EQ(exchange(verb::get, settings.locatorUrl + "/locations").status, 0u)
+            << "a client certificate is required";
         EXPECT_EQ(emulator.stop(), 0);
     }
     {

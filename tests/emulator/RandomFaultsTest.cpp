@@ -21,7 +21,8 @@ RandomFaults parsed(std::string const& text)
 
 TEST(RandomFaults, TextFormReadsWhatItWritesAndRefusesBadItemsWhole)
 {
-    RandomFaults const faults = parsed("drop=0.5,stall=0.25,stall-ms=40,5xx=1,401=0,expired-url=0.125,seed=18446744073709551615");
+    RandomFaults const faults =
+        parsed("drop=0.5,stall=0.25,stall-ms=40,5xx=1,401=0,expired-url=0.125,seed=18446744073709551615");
     EXPECT_EQ(faults.drop, 0.5);
     EXPECT_EQ(faults.stall, 0.25);
     EXPECT_EQ(faults.stallMax.count(), 40);
@@ -31,8 +32,8 @@ TEST(RandomFaults, TextFormReadsWhatItWritesAndRefusesBadItemsWhole)
     EXPECT_EQ(formatRandomFaults(parsed(formatRandomFaults(faults))), formatRandomFaults(faults));
     EXPECT_EQ(formatRandomFaults(parsed("")), formatRandomFaults(RandomFaults{}));
 
-    for (std::string const bad : {"drop=1.5", "5xx=-0.1", "401=often", "stall-ms=-1", "seed=0x10", "jitter=0.1",
-                                  "drop", "drop=nan"}) {
+    for (std::string const bad :
+         {"drop=1.5", "5xx=-0.1", "401=often", "stall-ms=-1", "seed=0x10", "jitter=0.1", "drop", "drop=nan"}) {
         RandomFaults kept;
         kept.drop = 0.75;
         std::string error;
@@ -75,9 +76,9 @@ TEST(FaultDice, SameSeedSameDrawsAtTheRatesAsked)
 struct WireCase {
     char const* faults;
     verb method;
-    char const* path;  // below the base URL; "{storage}" for the storage service's
+    char const* path; // below the base URL; "{storage}" for the storage service's
     std::string body;
-    unsigned status;   // 0: the connection closes unanswered
+    unsigned status; // 0: the connection closes unanswered
     FaultDice::Kind kind;
     std::uint64_t injected;
 };
@@ -101,8 +102,7 @@ TEST(RandomFaultsOnTheWire, EachKindHitsTheRequestsItIsForAndControlRequestsNeve
         config.randomFaults = parsed(c.faults);
         CloudEmulator cloud(config);
         Headers headers = bearer(kDefaultToken);
-        if (c.method == verb::post)
-            headers.push_back({"Content-Type", "application/x-www-form-urlencoded"});
+        if (c.method == verb::post) headers.push_back({"Content-Type", "application/x-www-form-urlencoded"});
         Reply const reply = exchange(c.method, cloud.baseUrl() + c.path, c.body, headers);
         EXPECT_EQ(reply.status, c.status) << reply.body;
         EXPECT_EQ(bool(reply.ec), c.status == 0) << reply.ec.message();
@@ -115,10 +115,12 @@ TEST(RandomFaultsOnTheWire, AnExpiredUploadUrlIsRefusedAndAn503UploadKeepsNoBody
     EmulatorConfig config;
     config.randomFaults = parsed("expired-url=1");
     CloudEmulator cloud(config);
-    Headers const json = {{"Authorization", std::string("Bearer ") + kDefaultToken}, {"Content-Type", "application/json"}};
+    Headers const json = {{"Authorization", std::string("Bearer ") + kDefaultToken},
+                          {"Content-Type", "application/json"}};
     Headers const octets = {{"Content-Type", "binary/octet-stream"}};
     auto storeUrl = [&] {
-        Reply const stored = exchange(verb::post, cloud.storageUrl() + "/files", R"({"resource": {"name": "p/o"}})", json);
+        Reply const stored =
+            exchange(verb::post, cloud.storageUrl() + "/files", R"({"resource": {"name": "p/o"}})", json);
         EXPECT_EQ(stored.status, 200u) << stored.body;
         return stored.json["url"].asString();
     };
@@ -130,8 +132,7 @@ TEST(RandomFaultsOnTheWire, AnExpiredUploadUrlIsRefusedAndAn503UploadKeepsNoBody
     std::string const url = storeUrl();
     cloud.setRandomFaults(parsed("5xx=1"));
     EXPECT_EQ(exchange(verb::put, url, "body", octets).status, 503u);
-    for (StoredObject const& object : cloud.objects())
-        EXPECT_FALSE(object.uploaded) << object.id;
+    for (StoredObject const& object : cloud.objects()) EXPECT_FALSE(object.uploaded) << object.id;
 }
 
 TEST(RandomFaultsOnTheWire, ControlInterfaceSetsThemAndCountsWhatWasGiven)

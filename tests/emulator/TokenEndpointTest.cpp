@@ -50,7 +50,10 @@ TEST(TokenEndpoint, RefusesBadRequestsWithOAuthErrorDocuments)
         std::string error;
     };
     std::vector<Case> const cases = {
-        {"grant_type=client_credentials&client_id=known", {{"Content-Type", "application/json"}}, 400, "invalid_request"},
+        {"grant_type=client_credentials&client_id=known",
+         {{"Content-Type", "application/json"}},
+         400,
+         "invalid_request"},
         {"client_id=known", form, 400, "invalid_request"},
         {"grant_type=client_credentials&client_id=known&client_id=known", form, 400, "invalid_request"},
         {"grant_type=password&client_id=known", form, 400, "unsupported_grant_type"},
@@ -82,15 +85,16 @@ TEST(TokenEndpoint, ExpiredTokensAreRefusedOnEveryServiceRouteWhenEnforced)
             std::string const expired = tokenFrom(cloud);
             unsigned const expected = enforce ? 401 : 200;
             for (std::string const& token : {expired, cloud.issueToken()}) {
-                Reply const account = exchange(verb::get, cloud.accountUrl() + "/v1/rest/accounts/current", {}, bearer(token));
+                Reply const account =
+                    exchange(verb::get, cloud.accountUrl() + "/v1/rest/accounts/current", {}, bearer(token));
                 EXPECT_EQ(account.status, expected) << enforce;
                 Reply const storage = exchange(verb::get, cloud.storageUrl() + "/files", {}, bearer(token));
                 EXPECT_EQ(storage.status, expected);
                 Reply const geo = exchange(verb::get, cloud.geoUrl(), {}, bearer(token));
                 EXPECT_EQ(geo.status, expected);
-                if (!enforce)
-                    continue;
-                Json::Value const& error = style == ErrorStyle::wrapped ? account.json["TavixErrorResponse"] : account.json;
+                if (!enforce) continue;
+                Json::Value const& error =
+                    style == ErrorStyle::wrapped ? account.json["TavixErrorResponse"] : account.json;
                 EXPECT_EQ(error["code"], 401) << account.body;
                 EXPECT_EQ(error["subCode"], 1) << account.body;
                 EXPECT_TRUE(geo.json["message"].isString()) << geo.body;
@@ -107,7 +111,8 @@ TEST(TokenEndpoint, ConfigDocumentSetsTheTokenAndTlsOptions)
     std::string error;
     Json::Value document;
     std::istringstream(R"({"tokenLifetime": 60, "enforceTokenExpiry": false, "clientIds": ["a", "b"],
-        "certificate": "c.pem", "privateKey": "k.pem", "clientCa": "ca.pem", "requireClientCertificate": true})") >> document;
+        "certificate": "c.pem", "privateKey": "k.pem", "clientCa": "ca.pem", "requireClientCertificate": true})")
+        >> document;
     ASSERT_TRUE(applyConfigDocument(document, config, error)) << error;
     EXPECT_EQ(config.tokenLifetime, std::chrono::seconds(60));
     EXPECT_FALSE(config.enforceTokenExpiry);

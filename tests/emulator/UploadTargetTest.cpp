@@ -22,8 +22,7 @@ std::string randomBytes(std::size_t size)
 {
     std::mt19937 generator(7);
     std::string bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>(generator());
+    for (char& byte : bytes) byte = static_cast<char>(generator());
     return bytes;
 }
 
@@ -39,8 +38,9 @@ std::string md5Of(std::string const& bytes)
 std::string uploadUrl(CloudEmulator& cloud, std::string const& checksum = {})
 {
     std::string const items = checksum.empty() ? "" : R"({"key": "_md5checksum", "value": ")" + checksum + "\"}";
-    Reply const stored = exchange(verb::post, cloud.storageUrl() + "/files",
-                                  R"({"resource": {"name": "p/o", "metadata": {"item": [)" + items + "]}}}", bearer(kDefaultToken));
+    Reply const stored =
+        exchange(verb::post, cloud.storageUrl() + "/files",
+                 R"({"resource": {"name": "p/o", "metadata": {"item": [)" + items + "]}}}", bearer(kDefaultToken));
     EXPECT_EQ(stored.status, 200u) << stored.body;
     return stored.json["url"].asString();
 }
@@ -54,7 +54,8 @@ std::size_t leftovers(CloudEmulator& cloud)
 
 std::string download(CloudEmulator& cloud, StoredObject const& object)
 {
-    Reply const link = exchange(verb::get, cloud.storageUrl() + "/objects/" + object.id + "/url", {}, bearer(kDefaultToken));
+    Reply const link =
+        exchange(verb::get, cloud.storageUrl() + "/objects/" + object.id + "/url", {}, bearer(kDefaultToken));
     EXPECT_EQ(link.status, 200u) << link.body;
     return exchange(verb::get, link.json["url"].asString()).body;
 }
@@ -139,13 +140,16 @@ TEST(UploadTarget, ScriptedAnswersAndFaultsTakeTheBodyAndKeepNone)
     cloud.scriptReply({201, "", "text/plain", "/blobs/"});
     EXPECT_EQ(exchange(verb::put, url, "x", {{"Content-Type", "text/plain"}}).status, 201u)
         << "a scripted answer comes first, whatever the upload's own answer would be";
-    ASSERT_EQ(exchange(verb::post, cloud.baseUrl() + "/_emulator/next-reply", R"({"status": 503, "body": "busy", "match": "/blobs/"})").status,
+    ASSERT_EQ(exchange(verb::post, cloud.baseUrl() + "/_emulator/next-reply",
+                       R"({"status": 503, "body": "busy", "match": "/blobs/"})")
+                  .status,
               200u);
     EXPECT_EQ(exchange(verb::put, url, "x", octets).status, 503u);
     cloud.dropNext();
     EXPECT_EQ(exchange(verb::put, url, "x", octets).status, 0u);
     EXPECT_FALSE(cloud.objects()[0].uploaded);
-    EXPECT_TRUE(eventually([&] { return leftovers(cloud) == 0; })) << "a dropped upload's body goes with its connection";
+    EXPECT_TRUE(eventually([&] { return leftovers(cloud) == 0; }))
+        << "a dropped upload's body goes with its connection";
     EXPECT_EQ(exchange(verb::put, url, "x", octets).status, 200u);
 }
 

@@ -20,13 +20,14 @@ TEST(LoggerTest, ConcurrentFirstCallsConfigureOnceFromThePropertiesFile)
     auto const dir = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("logger-%%%%-%%%%");
     boost::filesystem::create_directory(dir);
     std::string const log = (dir / "out.log").string();
-    std::ofstream((dir / "log.properties").string())
-        << "log4cplus.rootLogger=DEBUG, F\n"
-           "log4cplus.appender.F=log4cplus::FileAppender\n"
-           "log4cplus.appender.F.File=" << log << "\n"
-           "log4cplus.appender.F.ImmediateFlush=true\n"
-           "log4cplus.appender.F.layout=log4cplus::PatternLayout\n"
-           "log4cplus.appender.F.layout.ConversionPattern=%p %m%n\n";
+    std::ofstream((dir / "log.properties").string()) << "log4cplus.rootLogger=DEBUG, F\n"
+                                                        "log4cplus.appender.F=log4cplus::FileAppender\n"
+                                                        "log4cplus.appender.F.File="
+                                                     << log
+                                                     << "\n"
+                                                        "log4cplus.appender.F.ImmediateFlush=true\n"
+                                                        "log4cplus.appender.F.layout=log4cplus::PatternLayout\n"
+                                                        "log4cplus.appender.F.layout.ConversionPattern=%p %m%n\n";
     ::setenv("TAVIX_LOG_CONFIG", (dir / "log.properties").c_str(), 1);
 
     EXPECT_FALSE(Logger::hasBeenInitialized());

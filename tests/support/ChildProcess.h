@@ -79,7 +79,7 @@ private:
 
     std::string const m_out = temporary("child-out-%%%%%%"), m_err = temporary("child-err-%%%%%%");
     pid_t m_pid = 0;
-    int m_status = 127 << 8;  // until reaped: as a program that could not be run
+    int m_status = 127 << 8; // until reaped: as a program that could not be run
 };
 
 } // namespace tavix::test

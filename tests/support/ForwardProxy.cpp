@@ -50,7 +50,7 @@ public:
     }
 
 private:
-    std::shared_ptr<void> m_owner;  // keeps both sockets alive
+    std::shared_ptr<void> m_owner; // keeps both sockets alive
     tcp::socket& m_from;
     tcp::socket& m_to;
     std::array<char, 16384> m_data;
@@ -131,7 +131,7 @@ private:
         asio::async_write(tunnel ? m_client : m_origin, asio::buffer(m_first),
                           [self = shared_from_this(), tunnel](error_code ec, std::size_t) {
                               if (ec) return;
-                              if (tunnel && self->m_buffer.size() > 0) return;  // nothing may precede the tunnel
+                              if (tunnel && self->m_buffer.size() > 0) return; // nothing may precede the tunnel
                               std::make_shared<Pump>(self, self->m_client, self->m_origin)->run();
                               std::make_shared<Pump>(self, self->m_origin, self->m_client)->run();
                           });
@@ -164,9 +164,8 @@ private:
 ForwardProxy::ForwardProxy() : ForwardProxy(Options()) {}
 
 ForwardProxy::ForwardProxy(Options options)
-    : m_options(std::move(options))
-    , m_acceptor(m_io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0))
-    , m_port(m_acceptor.local_endpoint().port())
+    : m_options(std::move(options)), m_acceptor(m_io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0)),
+      m_port(m_acceptor.local_endpoint().port())
 {
     accept();
     m_thread = std::thread([this] { m_io.run(); });
@@ -180,8 +179,7 @@ ForwardProxy::~ForwardProxy()
 
 std::string ForwardProxy::url(std::string const& userinfo) const
 {
-    return "http://" + (userinfo.empty() ? "" : userinfo + "@") + "127.0.0.1:"
-        + std::to_string(m_port);
+    return "http://" + (userinfo.empty() ? "" : userinfo + "@") + "127.0.0.1:" + std::to_string(m_port);
 }
 
 std::vector<ForwardProxy::Seen> ForwardProxy::requests() const

@@ -19,15 +19,15 @@ namespace tavix::test {
 class ForwardProxy {
 public:
     struct Options {
-        std::string credentials;  // "user:password" to demand (407 without them); empty: none
-        unsigned refuseWith = 0;  // answer every request with this status instead
-        bool silent = false;      // read requests, never answer
+        std::string credentials; // "user:password" to demand (407 without them); empty: none
+        unsigned refuseWith = 0; // answer every request with this status instead
+        bool silent = false;     // read requests, never answer
     };
     struct Seen {
         std::string method;
         std::string target;
         std::optional<std::string> proxyAuthorization;
-        bool passed = false;  // tunnelled or forwarded to its origin
+        bool passed = false; // tunnelled or forwarded to its origin
     };
 
     ForwardProxy();
@@ -49,10 +49,10 @@ private:
     Options const m_options;
     boost::asio::io_context m_io;
     boost::asio::ip::tcp::acceptor m_acceptor;
-    unsigned short const m_port;  // read here, not from the acceptor its thread works on
+    unsigned short const m_port; // read here, not from the acceptor its thread works on
     mutable std::mutex m_mutex;
     std::vector<Seen> m_seen;
-    std::vector<std::shared_ptr<Session>> m_silenced;  // held open, never answered
+    std::vector<std::shared_ptr<Session>> m_silenced; // held open, never answered
     std::thread m_thread;
 };
 

@@ -69,7 +69,8 @@ emulator::TlsFiles issueServerCertificate(std::string const& directory, std::str
               && X509_gmtime_adj(X509_getm_notBefore(certificate.get()), notBefore.count())
               && X509_gmtime_adj(X509_getm_notAfter(certificate.get()), notAfter.count())
               && X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8,
-                                            reinterpret_cast<unsigned char const*>(name.c_str()), -1, -1, 0) == 1
+                                            reinterpret_cast<unsigned char const*>(name.c_str()), -1, -1, 0)
+                  == 1
               && X509_set_issuer_name(certificate.get(), X509_get_subject_name(ca.get())) == 1
               && X509_set_pubkey(certificate.get(), key.get()) == 1 && names
               && X509_add_ext(certificate.get(), names.get(), -1) == 1
@@ -78,9 +79,8 @@ emulator::TlsFiles issueServerCertificate(std::string const& directory, std::str
 
     emulator::TlsFiles files{directory + "/" + name + ".pem", directory + "/" + name + "-key.pem"};
     writePem(files.certificateChain, [&](FILE* f) { return PEM_write_X509(f, certificate.get()); });
-    writePem(files.privateKey, [&](FILE* f) {
-        return PEM_write_PrivateKey(f, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-    });
+    writePem(files.privateKey,
+             [&](FILE* f) { return PEM_write_PrivateKey(f, key.get(), nullptr, nullptr, 0, nullptr, nullptr); });
     return files;
 }
 

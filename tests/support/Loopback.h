@@ -3,6 +3,7 @@
 // fails the test instead of hanging it), and a recording request-signing hook.
 #pragma once
 
+#include <tavix/net/http/HttpClient.h>
 #include <tests/support/Json.h>
 #include <tools/emulator/CloudEmulator.h>
 
@@ -14,6 +15,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -24,18 +26,19 @@ bool runUntil(boost::asio::io_context& io, std::function<bool()> const& done, st
 // Runs `io` until it has no work left, within a bound that fails the test.
 void runUntilIdle(boost::asio::io_context& io, std::chrono::milliseconds bound = std::chrono::seconds(10));
 
-// What a client's callback was given, and how often it was called.
+// What a client's callback was given, how often it was called, and on which thread.
 template <typename Response, typename ErrorResponse>
 struct Completion {
     boost::function<void(Response const&, ErrorResponse, unsigned int, boost::system::error_code const&)> callback()
     {
         return [this](Response const& r, ErrorResponse e, unsigned int s, boost::system::error_code const& c) {
-            ++calls, response = r, error = e, status = s, ec = c;
+            ++calls, response = r, error = e, status = s, ec = c, thread = std::this_thread::get_id();
         };
     }
     bool wait(boost::asio::io_context& io, std::chrono::milliseconds bound = std::chrono::seconds(10))
     {
-        return runUntil(io, [this] { return calls > 0; }, bound);
+        return runUntil(
+            io, [this] { return calls > 0; }, bound);
     }
 
     int calls = 0;
@@ -43,6 +46,27 @@ struct Completion {
     ErrorResponse error;
     unsigned int status = 0;
     boost::system::error_code ec;
+    std::thread::id thread;
+};
+
+// The same for the HTTP client's own completion.
+struct HttpCompletion {
+    net::http::HttpClient::Completion callback()
+    {
+        return [this](net::http::HttpResponse const& r, boost::system::error_code const& c) {
+            ++calls, response = r, ec = c, thread = std::this_thread::get_id();
+        };
+    }
+    bool wait(boost::asio::io_context& io, std::chrono::milliseconds bound = std::chrono::seconds(10))
+    {
+        return runUntil(
+            io, [this] { return calls > 0; }, bound);
+    }
+
+    int calls = 0;
+    net::http::HttpResponse response;
+    boost::system::error_code ec;
+    std::thread::id thread;
 };
 
 // What the signing hook saw last, and what it answers. A hook is a plain function, so its

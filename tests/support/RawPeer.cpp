@@ -59,21 +59,19 @@ void RawPeer::Connection::send(std::string const& bytes)
 void RawPeer::Connection::reset()
 {
     linger const abortive{1, 0};
-    ::setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);  // the close resets
+    ::setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive); // the close resets
 }
 
 void RawPeer::Connection::holdUntilClosed()
 {
     char buffer[4096];
-    while (::recv(m_fd, buffer, sizeof buffer, 0) > 0) {
-    }
+    while (::recv(m_fd, buffer, sizeof buffer, 0) > 0) {}
 }
 
 void RawPeer::Connection::waitUntilClosed()
 {
     pollfd hangUp{m_fd, POLLRDHUP, 0};
-    while (::poll(&hangUp, 1, -1) < 0 && errno == EINTR) {
-    }
+    while (::poll(&hangUp, 1, -1) < 0 && errno == EINTR) {}
 }
 
 std::size_t RawPeer::contentLength(std::string const& head)
@@ -91,8 +89,7 @@ RawPeer::RawPeer(std::string reply, After after)
           if (after == After::reset) return connection.reset();
           if (after == After::hold) return connection.holdUntilClosed();
       })
-{
-}
+{}
 
 RawPeer::RawPeer(Script script) : m_script(std::move(script))
 {

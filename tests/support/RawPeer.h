@@ -34,7 +34,7 @@ public:
 
     private:
         int m_fd;
-        std::string m_pending;  // read past the head
+        std::string m_pending; // read past the head
     };
     using Script = std::function<void(Connection&, int index)>;
     enum class After { close, reset, hold };
@@ -60,7 +60,7 @@ private:
     unsigned short m_port = 0;
     std::atomic<int> m_connections{0};
     std::mutex m_mutex;
-    std::set<int> m_open;  // guarded by m_mutex, as is m_stopping
+    std::set<int> m_open; // guarded by m_mutex, as is m_stopping
     bool m_stopping = false;
     std::thread m_thread;
 };

@@ -19,8 +19,8 @@ Exit runUntilDone(boost::asio::io_context& io, bool const& done, std::string con
 
 Exit transportFailure(std::string const& what, boost::system::error_code const& ec)
 {
-    return fail(transport, what + ": error " + std::to_string(ec.value()) + " (" + ec.category().name() +
-                               "): " + ec.message());
+    return fail(transport,
+                what + ": error " + std::to_string(ec.value()) + " (" + ec.category().name() + "): " + ec.message());
 }
 
 } // namespace tavix::cli

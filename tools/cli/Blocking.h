@@ -49,8 +49,9 @@ Exit await(boost::asio::io_context& io, boost::system::error_code const& started
     if (Exit const e = runUntilDone(io, reply.done, what); e != ok) return e;
     if (reply.ec && reply.status == 0) return transportFailure(what, reply.ec);
     if (reply.ec) {
-        return fail(serviceError, what + ": malformed answer (status " + std::to_string(reply.status) +
-                                      "): error " + std::to_string(reply.ec.value()) + ": " + reply.ec.message());
+        return fail(serviceError,
+                    what + ": malformed answer (status " + std::to_string(reply.status) + "): error "
+                        + std::to_string(reply.ec.value()) + ": " + reply.ec.message());
     }
     if (reply.status != 200) {
         out.printError(toJson(reply.error));

@@ -85,8 +85,8 @@ Json::Value toJson(restclient::veltrun::BasicErrorResponse const& error) { retur
 
 std::string describe(restclient::veltrun::TavixErrorResponse const& error)
 {
-    return "code " + std::to_string(error.code.value) + ", sub-code " + std::to_string(error.subCode.value) + ": " +
-           error.message.value + (error.details.value.empty() ? "" : " (" + error.details.value + ")");
+    return "code " + std::to_string(error.code.value) + ", sub-code " + std::to_string(error.subCode.value) + ": "
+        + error.message.value + (error.details.value.empty() ? "" : " (" + error.details.value + ")");
 }
 
 std::string describe(restclient::veltrun::BasicErrorResponse const& error) { return error.message.value; }

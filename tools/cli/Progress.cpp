@@ -34,8 +34,7 @@ std::string duration(double seconds)
 Progress::Progress(std::string label, std::chrono::milliseconds lineInterval)
     : m_label(std::move(label)), m_terminal(::isatty(STDERR_FILENO) == 1), m_lineInterval(lineInterval),
       m_lastShown(m_begin)
-{
-}
+{}
 
 std::chrono::milliseconds Progress::pollInterval() const
 {
@@ -72,7 +71,7 @@ std::string Progress::describe(std::int64_t done, std::int64_t total, std::strin
     text += m_terminal ? fmt::format(" {} of {}", size(done), total > 0 ? size(total) : "?")
                        : fmt::format(" {} of {} bytes", done, total > 0 ? std::to_string(total) : "?");
     if (final) return text + ", " + size(rate) + "/s, done in " + duration(seconds);
-    if (done == 0 || seconds < 0.5) return text;  // no rate worth telling yet
+    if (done == 0 || seconds < 0.5) return text; // no rate worth telling yet
     text += ", " + size(rate) + "/s";
     if (total > 0 && rate > 0) text += ", " + duration(static_cast<double>(total - done) / rate) + " left";
     return text;

@@ -152,8 +152,8 @@ Exit registration(Session& session, std::string const& what, Send send)
     httplite::RegistrationClient client(session.io, reply.callback(), a.host, a.port, bearer, a.tls, a.path);
     if (Exit const e = await(session.io, send(client), reply, what, session.out); e != ok) return e;
     httplite::RegistrationResponse const& r = reply.response;
-    Json::Value const document = fieldsToJson(r.activeCallCount, r.contact, r.contactStatus, r.createdTime, r.expiryTime,
-                                              r.ip, r.lastUpdateTime, r.linkKey, r.port, r.validSeconds);
+    Json::Value const document = fieldsToJson(r.activeCallCount, r.contact, r.contactStatus, r.createdTime,
+                                              r.expiryTime, r.ip, r.lastUpdateTime, r.linkKey, r.port, r.validSeconds);
     session.out.print(document, [&](std::ostream& os) { printFields(os, document); });
     return ok;
 }
@@ -165,7 +165,8 @@ void addServiceCommands(CLI::App& app, Session& session, Run& run)
     auto const appKey = std::make_shared<std::string>();
     CLI::App* sub = app.add_subcommand("token", "Authenticate the controller once and show the token record");
     sub->add_option("APP_KEY", *appKey, "application key (default: --app-key)");
-    onParsed(sub, run, [&session, appKey] { return token(session, appKey->empty() ? session.options.appKey : *appKey); });
+    onParsed(sub, run,
+             [&session, appKey] { return token(session, appKey->empty() ? session.options.appKey : *appKey); });
 
     auto const service = std::make_shared<std::string>();
     sub = app.add_subcommand("locate", "Ask the Locator service for one service's endpoint, or for all");

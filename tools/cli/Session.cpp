@@ -27,9 +27,9 @@ Exit Session::begin()
     if (!options.config.empty()) controller::Settings::useFile(options.config);
     // The flags go over the file's values for this process, the library's own reads included.
     std::pair<char const*, std::string const&> const flags[] = {{"locator_url", options.locatorUrl},
-                                                                 {"auth_url", options.authUrl},
-                                                                 {"ca_file", options.caFile},
-                                                                 {"client_cert_file", options.clientCert}};
+                                                                {"auth_url", options.authUrl},
+                                                                {"ca_file", options.caFile},
+                                                                {"client_cert_file", options.clientCert}};
     for (auto const& [key, value] : flags) {
         if (value.empty()) continue;
         if (auto const bad = controller::Settings::set(key, value)) {
@@ -70,7 +70,8 @@ Exit Session::authenticate(std::string const& appKey)
     int const code = controller::AuthenticationServiceClient::AuthenticateController(appKey, message);
     if (code != 0) {
         return fail(authFailed,
-                    "authentication of app key '" + appKey + "' failed: error " + std::to_string(code) + ": " + message);
+                    "authentication of app key '" + appKey + "' failed: error " + std::to_string(code) + ": "
+                        + message);
     }
     if (!controller::OAuthHelper::Instance().GetAuthToken(appKey)) {
         return fail(authFailed, "authentication of app key '" + appKey + "' stored no token");
@@ -95,8 +96,8 @@ Exit Session::token(std::string& token)
 Exit Session::locatorUrl(std::string& url) const
 {
     if (m_settings.locatorUrl.empty()) {
-        return fail(badUsage, "no Locator URL: set locator_url in " + controller::Settings::path() +
-                                  " or give --locator-url");
+        return fail(badUsage,
+                    "no Locator URL: set locator_url in " + controller::Settings::path() + " or give --locator-url");
     }
     url = restclient::detail::restLocatorUrl(m_settings.locatorUrl);
     return ok;

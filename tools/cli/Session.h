@@ -20,13 +20,13 @@ namespace tavix::cli {
 inline constexpr char const* kDefaultAppKey = "restclient-cli";
 
 struct Options {
-    std::string config;  // the settings file; empty: TAVIX_CONTROLLER_CONFIG or its default
-    std::string locatorUrl, authUrl, caFile, clientCert;  // over the settings file's values
-    std::string accountUrl, storageUrl, geoUrl, httpliteUrl;  // instead of asking the services
-    std::string token;      // --token, else the first line of --token-file, else $RESTCLIENT_TOKEN
+    std::string config; // the settings file; empty: TAVIX_CONTROLLER_CONFIG or its default
+    std::string locatorUrl, authUrl, caFile, clientCert;     // over the settings file's values
+    std::string accountUrl, storageUrl, geoUrl, httpliteUrl; // instead of asking the services
+    std::string token; // --token, else the first line of --token-file, else $RESTCLIENT_TOKEN
     std::string tokenFile;
     std::string appKey = kDefaultAppKey;
-    double progressSeconds = 5;  // between plain progress lines when stderr is not a terminal
+    double progressSeconds = 5; // between plain progress lines when stderr is not a terminal
 };
 
 // A service URL cut into the pieces the host-and-port clients take, as the uploader cuts it.

@@ -183,9 +183,8 @@ void addStorageCommands(CLI::App& app, Session& session, Run& run)
     });
     sub = group->add_subcommand("delete", "Delete a stored object");
     sub->add_option("HREF", q->object, "the object's link (\"href\" of a resource)")->required();
-    onParsed(sub, run, [&session, q] {
-        return store(session, "store delete", [&q](auto& c) { return c.remove(q->object); });
-    });
+    onParsed(sub, run,
+             [&session, q] { return store(session, "store delete", [&q](auto& c) { return c.remove(q->object); }); });
 }
 
 } // namespace tavix::cli

@@ -104,8 +104,9 @@ Exit upload(Session& session, UploadArgs const& args)
     document["errorMessage"] = uploader.errorMessage;
     if (uploader.errorCode != 0) {
         session.out.printError(document);
-        return fail(uploadFailed, "upload of " + args.file + " failed: error " + std::to_string(uploader.errorCode) +
-                                      ": " + uploader.errorMessage);
+        return fail(uploadFailed,
+                    "upload of " + args.file + " failed: error " + std::to_string(uploader.errorCode) + ": "
+                        + uploader.errorMessage);
     }
     session.out.print(document, [&](std::ostream& os) {
         os << "name: " << name << "\nbytes: " << uploader.bytesSent << "\nmediaLocation: " << uploader.mediaLocation
@@ -152,8 +153,9 @@ Exit download(Session& session, DownloadArgs const& args)
 {
     std::string const scheme = schemeOf(args.url);
     if (scheme != "http" && scheme != "https") {
-        return fail(badUsage, "download: only http and https URLs are fetched"
-                                  + (scheme.empty() ? std::string() : ", not " + scheme));
+        return fail(badUsage,
+                    "download: only http and https URLs are fetched"
+                        + (scheme.empty() ? std::string() : ", not " + scheme));
     }
     std::string const& target = args.file;
     struct stat existing {};
@@ -166,8 +168,8 @@ Exit download(Session& session, DownloadArgs const& args)
     int openError = 0;
     File file = createPart(part, openError);
     if (!file) {
-        std::string const why = openError == EEXIST ? "it exists (remove it if no download is writing it)"
-                                                    : std::strerror(openError);
+        std::string const why =
+            openError == EEXIST ? "it exists (remove it if no download is writing it)" : std::strerror(openError);
         return fail(localFailure, "download: cannot create " + part + ": " + why);
     }
     Curl curl(curl_easy_init(), &curl_easy_cleanup);
@@ -243,7 +245,8 @@ void addTransferCommands(CLI::App& app, Session& session, Run& run)
     sub->add_option("--name", args->name, "the stored object's name (default: the file's name)");
     sub->add_option("--type", args->type, "the stored object's type")->capture_default_str();
     sub->add_option("--meta", args->meta, "extra metadata, key=value (repeatable)")->allow_extra_args(false);
-    sub->add_option("--stall-timeout", args->stallSeconds, "seconds without a byte moved before a transfer attempt fails")
+    sub->add_option("--stall-timeout", args->stallSeconds,
+                    "seconds without a byte moved before a transfer attempt fails")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
     onParsed(sub, run, [&session, args] { return upload(session, *args); });

@@ -27,8 +27,10 @@ int main(int argc, char** argv)
     app.get_formatter()->column_width(34);
 
     std::string const settings = "Settings (over the settings file)";
-    app.add_option("--config", o.config, "controller settings file (default: $TAVIX_CONTROLLER_CONFIG, else "
-                                         "/etc/tavix/controller.conf)")->group(settings);
+    app.add_option("--config", o.config,
+                   "controller settings file (default: $TAVIX_CONTROLLER_CONFIG, else "
+                   "/etc/tavix/controller.conf)")
+        ->group(settings);
     app.add_option("--locator-url", o.locatorUrl, "Locator service URL (locator_url)")->group(settings);
     app.add_option("--auth-url", o.authUrl, "token endpoint (auth_url)")->group(settings);
     app.add_option("--ca-file", o.caFile, "CA bundle for HTTPS (ca_file)")->group(settings);
@@ -39,15 +41,16 @@ int main(int argc, char** argv)
     app.add_option("--storage-url", o.storageUrl, "Storage service URL of the account")->group(services);
     app.add_option("--geo-url", o.geoUrl, "geo service URL")->group(services);
     app.add_option("--httplite-url", o.httpliteUrl, "httplite registration service URL")->group(services);
-    app.add_option("--token", o.token, "bearer token (visible to other users: prefer --token-file or "
-                                       "$RESTCLIENT_TOKEN; default: authenticate with the app key)");
-    app.add_option("--token-file", o.tokenFile, "a file whose first line is the bearer token")
-        ->excludes("--token");
+    app.add_option("--token", o.token,
+                   "bearer token (visible to other users: prefer --token-file or "
+                   "$RESTCLIENT_TOKEN; default: authenticate with the app key)");
+    app.add_option("--token-file", o.tokenFile, "a file whose first line is the bearer token")->excludes("--token");
     app.add_option("--app-key", o.appKey, "application key to authenticate with")->capture_default_str();
     app.add_flag("--json", session.out.json, "print the decoded document (or the error document) as JSON");
     bool verbose = false;
-    app.add_flag("-v,--verbose", verbose, "the library's log down to DEBUG on stderr (default: WARN; "
-                                          "TAVIX_LOG_CONFIG, when set, decides)");
+    app.add_flag("-v,--verbose", verbose,
+                 "the library's log down to DEBUG on stderr (default: WARN; "
+                 "TAVIX_LOG_CONFIG, when set, decides)");
     // Seconds between plain progress lines; tests make it short.
     app.add_option("--progress-interval", o.progressSeconds)->group("")->envname("RESTCLIENT_PROGRESS_INTERVAL");
 

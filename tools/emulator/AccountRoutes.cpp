@@ -15,8 +15,7 @@ Json::Value link(std::string const& name, std::string const& href)
 
 Response currentAccountRoute(ServiceContext const& context, RoutedRequest const& route)
 {
-    if (route.request.method() != http::verb::get)
-        return methodNotAllowed(route.request, context.errorStyle(), "GET");
+    if (route.request.method() != http::verb::get) return methodNotAllowed(route.request, context.errorStyle(), "GET");
     Json::Value links(Json::arrayValue);
     links.append(link("storage", context.storageUrl));
     links.append(link("users", context.usersUrl));
@@ -29,8 +28,7 @@ Response currentAccountRoute(ServiceContext const& context, RoutedRequest const&
 Response usersRoute(ServiceContext const& context, RoutedRequest const& route, std::vector<std::string> const& rest)
 {
     Request const& request = route.request;
-    if (request.method() != http::verb::get)
-        return methodNotAllowed(request, context.errorStyle(), "GET");
+    if (request.method() != http::verb::get) return methodNotAllowed(request, context.errorStyle(), "GET");
 
     Json::Value document(Json::objectValue);
     if (rest.empty()) {
@@ -47,8 +45,7 @@ Response usersRoute(ServiceContext const& context, RoutedRequest const& route, s
     }
     if (rest.size() == 1) {
         for (UserRecord const& user : context.users) {
-            if (user.id != rest[0])
-                continue;
+            if (user.id != rest[0]) continue;
             Json::Value& record = document["user"];
             record["eMail"] = user.eMail;
             record["firstName"] = user.firstName;

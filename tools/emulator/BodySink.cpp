@@ -17,8 +17,7 @@ BodySink::BodySink() = default;
 BodySink::~BodySink()
 {
     stop();
-    if (m_fd >= 0)
-        ::close(m_fd);
+    if (m_fd >= 0) ::close(m_fd);
 }
 
 bool BodySink::open(std::string const& path, std::string& error)
@@ -43,16 +42,14 @@ bool BodySink::open(std::string const& path, std::string& error)
 void BodySink::write(void const* data, std::size_t size)
 {
     m_size += size;
-    if (m_fd < 0)
-        return;
+    if (m_fd < 0) return;
     auto const* bytes = static_cast<char const*>(data);
     while (size > 0) {
         std::size_t const taken = std::min(size, blockSize - m_filling.size());
         m_filling.insert(m_filling.end(), bytes, bytes + taken);
         bytes += taken;
         size -= taken;
-        if (m_filling.size() == blockSize)
-            flush();
+        if (m_filling.size() == blockSize) flush();
     }
 }
 
@@ -60,10 +57,8 @@ void BodySink::flush()
 {
     for (std::size_t done = 0; done < m_filling.size() && m_writeError == 0;) {
         ssize_t const written = ::write(m_fd, m_filling.data() + done, m_filling.size() - done);
-        if (written >= 0)
-            done += static_cast<std::size_t>(written);
-        else if (errno != EINTR)
-            m_writeError = errno;
+        if (written >= 0) done += static_cast<std::size_t>(written);
+        else if (errno != EINTR) m_writeError = errno;
     }
     std::unique_lock<std::mutex> lock(m_mutex);
     m_changed.wait(lock, [this] { return m_handed.empty(); });
@@ -76,8 +71,7 @@ void BodySink::hash()
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
         m_changed.wait(lock, [this] { return !m_handed.empty() || m_stopping; });
-        if (m_handed.empty())
-            return;
+        if (m_handed.empty()) return;
         lock.unlock();
         // Only this thread touches the block and the digest until it hands the block back.
         EVP_DigestUpdate(m_digest.get(), m_handed.data(), m_handed.size());
@@ -89,8 +83,7 @@ void BodySink::hash()
 
 void BodySink::stop()
 {
-    if (!m_helper.joinable())
-        return;
+    if (!m_helper.joinable()) return;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_stopping = true;
@@ -103,11 +96,9 @@ bool BodySink::finish(StreamedBody& body, std::string& error)
 {
     body.path = m_path;
     body.size = m_size;
-    if (m_fd < 0)
-        return true;
-    if (!m_filling.empty())
-        flush();
-    stop();  // the helper hashes what it was handed before it ends
+    if (m_fd < 0) return true;
+    if (!m_filling.empty()) flush();
+    stop(); // the helper hashes what it was handed before it ends
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     EVP_DigestFinal_ex(m_digest.get(), digest, &length);
@@ -119,8 +110,7 @@ bool BodySink::finish(StreamedBody& body, std::string& error)
     }
     int const closed = ::close(m_fd);
     m_fd = -1;
-    if (m_writeError == 0 && closed != 0)
-        m_writeError = errno;
+    if (m_writeError == 0 && closed != 0) m_writeError = errno;
     if (m_writeError != 0) {
         error = m_path + ": " + std::strerror(m_writeError);
         return false;

@@ -22,7 +22,7 @@ namespace tavix::emulator {
 struct StreamedBody {
     std::string path;
     std::uint64_t size = 0;
-    std::string md5;  // lowercase hex of the bytes received
+    std::string md5; // lowercase hex of the bytes received
 };
 
 class BodySink {
@@ -44,20 +44,20 @@ private:
     };
     static constexpr std::size_t blockSize = 1024 * 1024;
 
-    void flush();  // writes the filled block and gives it to the helper to hash
-    void hash();   // the helper thread: hashes blocks until stopped
+    void flush(); // writes the filled block and gives it to the helper to hash
+    void hash();  // the helper thread: hashes blocks until stopped
     void stop();
 
     std::string m_path;
     int m_fd = -1;
     int m_writeError = 0;
     std::uint64_t m_size = 0;
-    std::vector<char> m_filling;  // the server thread's
-    std::unique_ptr<EVP_MD_CTX, DigestDeleter> m_digest;  // the helper's until it stops
+    std::vector<char> m_filling;                         // the server thread's
+    std::unique_ptr<EVP_MD_CTX, DigestDeleter> m_digest; // the helper's until it stops
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::vector<char> m_handed;  // guarded: given to the helper, empty once hashed
+    std::vector<char> m_handed; // guarded: given to the helper, empty once hashed
     bool m_stopping = false;
     std::thread m_helper;
 };

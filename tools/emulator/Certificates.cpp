@@ -39,8 +39,7 @@ using Certificate = std::unique_ptr<X509, Deleter<X509, X509_free>>;
 Key newKey()
 {
     Key key(EVP_EC_gen("P-256"));
-    if (!key)
-        fail("new key");
+    if (!key) fail("new key");
     return key;
 }
 
@@ -51,8 +50,7 @@ void addExtension(X509* certificate, X509* issuer, int nid, std::string const& v
     X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
     std::unique_ptr<X509_EXTENSION, Deleter<X509_EXTENSION, X509_EXTENSION_free>> extension(
         X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str()));
-    if (!extension || X509_add_ext(certificate, extension.get(), -1) != 1)
-        fail("extension " + value);
+    if (!extension || X509_add_ext(certificate, extension.get(), -1) != 1) fail("extension " + value);
 }
 
 // Signed by `issuer` with `issuerKey`; a null issuer makes it self-signed.
@@ -66,18 +64,17 @@ Certificate newCertificate(std::string const& commonName, EVP_PKEY* key, X509* i
         || !BN_to_ASN1_INTEGER(serial.get(), X509_get_serialNumber(certificate.get()))
         || !X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -3600)
         || !X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 3650L * 24 * 3600)
-        || X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, reinterpret_cast<unsigned char const*>(commonName.c_str()),
-                                      -1, -1, 0) != 1
+        || X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
+                                      reinterpret_cast<unsigned char const*>(commonName.c_str()), -1, -1, 0)
+            != 1
         || X509_set_issuer_name(certificate.get(), issuer ? X509_get_subject_name(issuer) : name) != 1
         || X509_set_pubkey(certificate.get(), key) != 1)
         fail("certificate " + commonName);
     X509* signer = issuer ? issuer : certificate.get();
     addExtension(certificate.get(), signer, NID_subject_key_identifier, "hash");
     addExtension(certificate.get(), signer, NID_authority_key_identifier, "keyid");
-    for (auto const& [nid, value] : extensions)
-        addExtension(certificate.get(), signer, nid, value);
-    if (X509_sign(certificate.get(), issuerKey ? issuerKey : key, EVP_sha256()) == 0)
-        fail("signing " + commonName);
+    for (auto const& [nid, value] : extensions) addExtension(certificate.get(), signer, nid, value);
+    if (X509_sign(certificate.get(), issuerKey ? issuerKey : key, EVP_sha256()) == 0) fail("signing " + commonName);
     return certificate;
 }
 
@@ -88,13 +85,11 @@ void writePem(fs::path const& path, X509* certificate, EVP_PKEY* key)
     mode_t const previous = ::umask(077);
     FILE* file = std::fopen(temporary.c_str(), "w");
     ::umask(previous);
-    if (!file)
-        fail("writing " + temporary.string());
+    if (!file) fail("writing " + temporary.string());
     bool written = (!certificate || PEM_write_X509(file, certificate) == 1)
-                   && (!key || PEM_write_PrivateKey(file, key, nullptr, nullptr, 0, nullptr, nullptr) == 1);
+        && (!key || PEM_write_PrivateKey(file, key, nullptr, nullptr, 0, nullptr, nullptr) == 1);
     written = std::fclose(file) == 0 && written;
-    if (!written)
-        fail("writing " + temporary.string());
+    if (!written) fail("writing " + temporary.string());
     fs::rename(temporary, path);
 }
 
@@ -102,8 +97,7 @@ Key readKey(fs::path const& path)
 {
     FILE* file = std::fopen(path.c_str(), "r");
     Key key(file ? PEM_read_PrivateKey(file, nullptr, nullptr, nullptr) : nullptr);
-    if (file)
-        std::fclose(file);
+    if (file) std::fclose(file);
     return key;
 }
 
@@ -111,8 +105,7 @@ Certificate readCertificate(fs::path const& path)
 {
     FILE* file = std::fopen(path.c_str(), "r");
     Certificate certificate(file ? PEM_read_X509(file, nullptr, nullptr, nullptr) : nullptr);
-    if (file)
-        std::fclose(file);
+    if (file) std::fclose(file);
     return certificate;
 }
 
@@ -139,11 +132,12 @@ CertificateSet makeCertificates(fs::path const& directory, std::vector<std::stri
     Certificate ca = readCertificate(set.ca);
     Key caKey = readKey(caKeyPath);
     bool const fresh = !ca || !caKey || X509_check_private_key(ca.get(), caKey.get()) != 1
-                       || !readCertificate(set.client) || !readKey(set.client);
+        || !readCertificate(set.client) || !readKey(set.client);
     if (fresh) {
         caKey = newKey();
-        ca = newCertificate("restclient-emulator throw-away CA", caKey.get(), nullptr, nullptr,
-                            {{NID_basic_constraints, "critical,CA:TRUE"}, {NID_key_usage, "critical,keyCertSign,cRLSign"}});
+        ca = newCertificate(
+            "restclient-emulator throw-away CA", caKey.get(), nullptr, nullptr,
+            {{NID_basic_constraints, "critical,CA:TRUE"}, {NID_key_usage, "critical,keyCertSign,cRLSign"}});
         writePem(caKeyPath, nullptr, caKey.get());
         writePem(set.ca, ca.get(), nullptr);
         Key clientKey = newKey();
@@ -154,12 +148,12 @@ CertificateSet makeCertificates(fs::path const& directory, std::vector<std::stri
         writePem(set.client, client.get(), clientKey.get());
     }
     Key serverKey = newKey();
-    Certificate server = newCertificate(serverNames.empty() ? "localhost" : serverNames.front(), serverKey.get(),
-                                        ca.get(), caKey.get(),
-                                        {{NID_basic_constraints, "critical,CA:FALSE"},
-                                         {NID_key_usage, "critical,digitalSignature"},
-                                         {NID_ext_key_usage, "serverAuth"},
-                                         {NID_subject_alt_name, subjectAltNames(serverNames)}});
+    Certificate server =
+        newCertificate(serverNames.empty() ? "localhost" : serverNames.front(), serverKey.get(), ca.get(), caKey.get(),
+                       {{NID_basic_constraints, "critical,CA:FALSE"},
+                        {NID_key_usage, "critical,digitalSignature"},
+                        {NID_ext_key_usage, "serverAuth"},
+                        {NID_subject_alt_name, subjectAltNames(serverNames)}});
     writePem(set.serverKey, nullptr, serverKey.get());
     writePem(set.serverCertificate, server.get(), nullptr);
     return set;

@@ -11,10 +11,10 @@
 namespace tavix::emulator {
 
 struct CertificateSet {
-    boost::filesystem::path ca;                 // ca.pem: what a device trusts
-    boost::filesystem::path serverCertificate;  // server.pem
-    boost::filesystem::path serverKey;          // server-key.pem
-    boost::filesystem::path client;             // client.pem: certificate and key in one file
+    boost::filesystem::path ca;                // ca.pem: what a device trusts
+    boost::filesystem::path serverCertificate; // server.pem
+    boost::filesystem::path serverKey;         // server-key.pem
+    boost::filesystem::path client;            // client.pem: certificate and key in one file
 };
 
 // Makes the set in `directory`, keeping a CA and client certificate made earlier; the server

@@ -16,33 +16,26 @@ namespace tavix::emulator {
 CloudEmulator::DataDirectory::DataDirectory(std::string const& configured)
     : path(configured), temporary(configured.empty())
 {
-    if (temporary)
-        path = fs::temp_directory_path() / fs::unique_path("restclient-emulator-%%%%-%%%%-%%%%");
+    if (temporary) path = fs::temp_directory_path() / fs::unique_path("restclient-emulator-%%%%-%%%%-%%%%");
     makePrivateDirectory(path);
 }
 
 CloudEmulator::DataDirectory::~DataDirectory()
 {
     boost::system::error_code ignored;
-    if (temporary)
-        fs::remove_all(path, ignored);
+    if (temporary) fs::remove_all(path, ignored);
 }
 
 CloudEmulator::CloudEmulator(EmulatorConfig config)
-    : m_config(std::move(config)),
-      m_data(m_config.dataDirectory),
-      m_storage(m_data.path),
-      m_tokens(m_config),
-      m_authorizations(m_config.authorizations.begin(), m_config.authorizations.end()),
-      m_dice(m_config.randomFaults)
+    : m_config(std::move(config)), m_data(m_config.dataDirectory), m_storage(m_data.path), m_tokens(m_config),
+      m_authorizations(m_config.authorizations.begin(), m_config.authorizations.end()), m_dice(m_config.randomFaults)
 {
     // Held until the context is complete: a request that arrives early waits for it.
     std::lock_guard<std::mutex> lock(m_mutex);
     std::optional<TlsFiles> tls = m_config.tls;
     if (m_config.makeCertificates) {
         std::vector<std::string> names{"localhost", "127.0.0.1", "::1"};
-        if (std::find(names.begin(), names.end(), m_config.address) == names.end())
-            names.push_back(m_config.address);
+        if (std::find(names.begin(), names.end(), m_config.address) == names.end()) names.push_back(m_config.address);
         m_certificates = makeCertificates(m_data.path / "certs", names);
         tls = TlsFiles{m_certificates->serverCertificate.string(), m_certificates->serverKey.string(),
                        m_certificates->ca.string(), tls && tls->requireClientCertificate};
@@ -54,17 +47,13 @@ CloudEmulator::CloudEmulator(EmulatorConfig config)
     m_server->setBodyPlanner([this](http::request_header<> const& head) { return planBody(head); });
     m_server->setFaultSource([this](Request const& request) -> std::optional<Fault> {
         auto const segments = targetSegments(std::string(request.target()));
-        if (!segments.empty() && segments[0] == "_emulator")
-            return std::nullopt;
+        if (!segments.empty() && segments[0] == "_emulator") return std::nullopt;
         return m_dice.transportFault();
     });
     m_context = std::make_unique<ServiceContext>(m_config, m_server->baseUrl());
 }
 
-CloudEmulator::~CloudEmulator()
-{
-    m_server.reset();
-}
+CloudEmulator::~CloudEmulator() { m_server.reset(); }
 
 std::string CloudEmulator::baseUrl() const { return m_context->baseUrl; }
 unsigned short CloudEmulator::port() const { return m_server->port(); }
@@ -186,8 +175,7 @@ std::optional<ScriptedReply> CloudEmulator::takeScriptedReply(std::string const&
     auto scripted = std::find_if(m_script.begin(), m_script.end(), [&](ScriptedReply const& reply) {
         return target.find(reply.targetContains) != std::string::npos;
     });
-    if (scripted == m_script.end())
-        return std::nullopt;
+    if (scripted == m_script.end()) return std::nullopt;
     ScriptedReply reply = *scripted;
     m_script.erase(scripted);
     return reply;
@@ -198,12 +186,10 @@ Response CloudEmulator::handle(Request const& request)
     try {
         std::lock_guard<std::mutex> lock(m_mutex);
         RoutedRequest route = routeOf(request);
-        if (!route.segments.empty() && route.segments[0] == "_emulator")
-            return control(route);
+        if (!route.segments.empty() && route.segments[0] == "_emulator") return control(route);
         if (auto reply = takeScriptedReply(std::string(request.target())))
             return textReply(request, reply->status, reply->body, reply->contentType);
-        if (m_dice.roll(FaultDice::serverError))
-            return injectedServerError(request);
+        if (m_dice.roll(FaultDice::serverError)) return injectedServerError(request);
         return dispatch(route);
     } catch (std::exception const& e) {
         return errorReply(request, m_config.errorStyle, http::status::internal_server_error, SubCode::internal,
@@ -226,21 +212,21 @@ BodyPlan CloudEmulator::planBody(http::request_header<> const& head)
     try {
         RoutedRequest const route = routeOf(request);
         auto const id = uploadTarget(route);
-        if (!id)
-            return plan;
+        if (!id) return plan;
         std::lock_guard<std::mutex> lock(m_mutex);
         std::string const target(request.target());
         // A scripted reply is given once the body is in, however the upload would be judged.
         bool const scripted = std::any_of(m_script.begin(), m_script.end(), [&](ScriptedReply const& reply) {
             return target.find(reply.targetContains) != std::string::npos;
         });
-        if (!scripted)
-            plan.answer = m_storage.refuseUpload(*m_context, route, *id);
+        if (!scripted) plan.answer = m_storage.refuseUpload(*m_context, route, *id);
         if (!scripted && !plan.answer && m_dice.roll(FaultDice::serverError))
             plan.answer = injectedServerError(request);
         if (!plan.answer) {
             plan.file = m_storage.incomingPath(*id).string();
-            plan.finish = [this](Request const& complete, StreamedBody const& body) { return finishUpload(complete, body); };
+            plan.finish = [this](Request const& complete, StreamedBody const& body) {
+                return finishUpload(complete, body);
+            };
         }
     } catch (std::exception const& e) {
         plan.answer = errorReply(request, m_config.errorStyle, http::status::internal_server_error, SubCode::internal,
@@ -282,13 +268,12 @@ std::optional<Response> CloudEmulator::refuseUnauthorized(RoutedRequest const& r
         message = "Missing Authorization header";
     } else {
         std::string value(field->value());
-        if (m_authorizations.count(value) != 0 && !refuseAnyway)
-            return std::nullopt;
+        if (m_authorizations.count(value) != 0 && !refuseAnyway) return std::nullopt;
         static std::string const bearer = "Bearer ";
-        auto const standing = value.compare(0, bearer.size(), bearer) == 0 ? m_tokens.standing(value.substr(bearer.size()))
-                                                                            : TokenBook::Standing::unknown;
-        if (standing == TokenBook::Standing::valid && !refuseAnyway)
-            return std::nullopt;
+        auto const standing = value.compare(0, bearer.size(), bearer) == 0
+            ? m_tokens.standing(value.substr(bearer.size()))
+            : TokenBook::Standing::unknown;
+        if (standing == TokenBook::Standing::valid && !refuseAnyway) return std::nullopt;
         message = standing == TokenBook::Standing::expired ? "Expired token" : "Invalid or expired token";
     }
     Response refused = geo ? messageReply(route.request, http::status::unauthorized, message)
@@ -305,29 +290,21 @@ Response CloudEmulator::dispatch(RoutedRequest const& route)
     std::size_t const count = segments.size();
 
     // Pre-signed URLs carry their own authorization.
-    if (count >= 2 && segments[count - 2] == "blobs")
-        return m_storage.blobRoute(context, route, segments.back());
+    if (count >= 2 && segments[count - 2] == "blobs") return m_storage.blobRoute(context, route, segments.back());
 
-    if (endsWith(segments, {"oauth", "token"}))
-        return m_tokens.tokenRoute(route);
+    if (endsWith(segments, {"oauth", "token"})) return m_tokens.tokenRoute(route);
 
     bool geo = count > 0 && segments.back() == "geo";
-    if (auto refused = refuseUnauthorized(route, geo, m_dice.roll(FaultDice::unauthorized)))
-        return *refused;
-    if (geo)
-        return geoRoute(context, route);
-    if (endsWith(segments, {"registrations", "current"}))
-        return m_registrations.handle(context, route);
+    if (auto refused = refuseUnauthorized(route, geo, m_dice.roll(FaultDice::unauthorized))) return *refused;
+    if (geo) return geoRoute(context, route);
+    if (endsWith(segments, {"registrations", "current"})) return m_registrations.handle(context, route);
     if (auto at = std::find(segments.begin(), segments.end(), "locations"); at != segments.end())
         return locatorRoute(context, route, static_cast<std::size_t>(at - segments.begin()));
-    if (endsWith(segments, {"accounts", "current"}))
-        return currentAccountRoute(context, route);
+    if (endsWith(segments, {"accounts", "current"})) return currentAccountRoute(context, route);
     for (std::size_t i = 0; i + 1 < count; ++i) {
-        if (segments[i] != "accounts" || segments[i + 1] != context.config.accountId)
-            continue;
+        if (segments[i] != "accounts" || segments[i + 1] != context.config.accountId) continue;
         std::vector<std::string> rest(segments.begin() + static_cast<std::ptrdiff_t>(i) + 2, segments.end());
-        if (!rest.empty() && rest[0] == "users")
-            return usersRoute(context, route, {rest.begin() + 1, rest.end()});
+        if (!rest.empty() && rest[0] == "users") return usersRoute(context, route, {rest.begin() + 1, rest.end()});
         bool const store = route.request.method() == http::verb::post && rest.size() == 1 && rest[0] == "files";
         if (store && m_dice.roll(FaultDice::expiredUrl)) {
             ServiceContext expiring = context;
@@ -336,8 +313,7 @@ Response CloudEmulator::dispatch(RoutedRequest const& route)
         }
         return m_storage.accountRoute(context, route, rest);
     }
-    if (count > 0 && segments.back() == "accounts")
-        return m_storage.currentRoute(context, route);
+    if (count > 0 && segments.back() == "accounts") return m_storage.currentRoute(context, route);
     bool namesAccount = std::find(segments.begin(), segments.end(), "accounts") != segments.end();
     return errorReply(route.request, context.errorStyle(), http::status::not_found, SubCode::notFound,
                       namesAccount ? "No such account" : "No such resource", std::string(route.request.target()));

@@ -121,7 +121,7 @@ public:
     // How many of them went to the token endpoint (refused and scripted ones included).
     std::size_t tokenRequests() const;
     std::vector<StoredObject> objects() const;
-    Json::Value registration() const;  // null when nothing is registered
+    Json::Value registration() const; // null when nothing is registered
 
     // The request → reply logic the server runs; usable without the network.
     Response handle(Request const& request);

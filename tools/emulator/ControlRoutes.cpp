@@ -21,8 +21,7 @@ std::string masked(std::string const& name, std::string const& value)
     if (!boost::beast::iequals(name, "Authorization") && !boost::beast::iequals(name, "Proxy-Authorization"))
         return value;
     std::string::size_type const space = value.find(' ');
-    if (space == std::string::npos)
-        return restclient::detail::maskToken(value);
+    if (space == std::string::npos) return restclient::detail::maskToken(value);
     return value.substr(0, space + 1) + restclient::detail::maskToken(value.substr(space + 1));
 }
 
@@ -68,10 +67,8 @@ std::optional<ScriptedReply> scriptedReplyOf(Json::Value const& document, std::s
 std::optional<Fault> faultOf(Json::Value const& document, std::string& error)
 {
     std::string kind = document.isObject() && document["kind"].isString() ? document["kind"].asString() : "";
-    if (kind == "drop")
-        return Fault::dropConnection();
-    if (kind == "silence")
-        return Fault::neverAnswer();
+    if (kind == "drop") return Fault::dropConnection();
+    if (kind == "silence") return Fault::neverAnswer();
     if (kind == "delay" && document["ms"].isUInt())
         return Fault::delayBy(std::chrono::milliseconds(document["ms"].asUInt()));
     error = "expected {\"kind\": \"delay\", \"ms\": n}, {\"kind\": \"drop\"} or {\"kind\": \"silence\"}";
@@ -88,24 +85,20 @@ Response CloudEmulator::control(RoutedRequest const& route)
     bool const post = request.method() == http::verb::post;
 
     if (action == "requests") {
-        if (!get)
-            return methodNotAllowed(request, m_config.errorStyle, "GET");
+        if (!get) return methodNotAllowed(request, m_config.errorStyle, "GET");
         Json::Value document(Json::objectValue);
         document["requests"] = Json::Value(Json::arrayValue);
         for (CapturedRequest const& captured : m_server->requests()) {
             auto segments = targetSegments(captured.target);
-            if (segments.empty() || segments[0] != "_emulator")
-                document["requests"].append(requestDocument(captured));
+            if (segments.empty() || segments[0] != "_emulator") document["requests"].append(requestDocument(captured));
         }
         return jsonReply(request, http::status::ok, document);
     }
-    if (action == "faults")
-        return randomFaultsRoute(request);
+    if (action == "faults") return randomFaultsRoute(request);
     if (action != "next-reply" && action != "fault" && action != "reset" && action != "token")
         return errorReply(request, m_config.errorStyle, http::status::not_found, SubCode::notFound,
                           "No such control operation", std::string(request.target()));
-    if (!post)
-        return methodNotAllowed(request, m_config.errorStyle, "POST");
+    if (!post) return methodNotAllowed(request, m_config.errorStyle, "POST");
 
     Json::Value done(Json::objectValue);
     if (action == "reset") {

@@ -30,8 +30,7 @@ Response RegistrationBook::handle(ServiceContext const& context, RoutedRequest c
         m_current = Json::Value();
         return jsonReply(request, http::status::ok, removed);
     }
-    if (request.method() != http::verb::put)
-        return methodNotAllowed(request, context.errorStyle(), "PUT, DELETE");
+    if (request.method() != http::verb::put) return methodNotAllowed(request, context.errorStyle(), "PUT, DELETE");
 
     std::string error;
     auto body = parseJson(request.body(), error);

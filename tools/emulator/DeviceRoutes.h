@@ -15,7 +15,7 @@ Response geoRoute(ServiceContext const& context, RoutedRequest const& route);
 class RegistrationBook {
 public:
     Response handle(ServiceContext const& context, RoutedRequest const& route);
-    Json::Value current() const { return m_current; }  // null when there is none
+    Json::Value current() const { return m_current; } // null when there is none
     void clear() { m_current = Json::Value(); }
 
 private:

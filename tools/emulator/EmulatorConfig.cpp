@@ -2,14 +2,12 @@
 
 #include <fmt/format.h>
 
-
 namespace tavix::emulator {
 namespace {
 
 bool readText(Json::Value const& document, char const* key, std::string& target, std::string& error)
 {
-    if (!document.isMember(key))
-        return true;
+    if (!document.isMember(key)) return true;
     if (!document[key].isString()) {
         error = fmt::format("\"{}\" must be a string", key);
         return false;
@@ -18,11 +16,9 @@ bool readText(Json::Value const& document, char const* key, std::string& target,
     return true;
 }
 
-bool readTextList(Json::Value const& document, char const* key, std::vector<std::string>& target,
-                  std::string& error)
+bool readTextList(Json::Value const& document, char const* key, std::vector<std::string>& target, std::string& error)
 {
-    if (!document.isMember(key))
-        return true;
+    if (!document.isMember(key)) return true;
     Json::Value const& list = document[key];
     if (!list.isArray()) {
         error = fmt::format("\"{}\" must be an array of strings", key);
@@ -76,8 +72,7 @@ bool readUsers(Json::Value const& list, std::vector<UserRecord>& users, std::str
         }
         user.extUser = item["extUser"].isBool() && item["extUser"].asBool();
         user.isOwner = item["isOwner"].isBool() && item["isOwner"].asBool();
-        if (user.id.empty())
-            user.id = std::to_string(users.size() + 1);
+        if (user.id.empty()) user.id = std::to_string(users.size() + 1);
         users.push_back(user);
     }
     return true;
@@ -115,8 +110,7 @@ bool readNumbers(Json::Value const& document, EmulatorConfig& config, std::strin
 
 bool readFlag(Json::Value const& document, char const* key, bool& target, std::string& error)
 {
-    if (!document.isMember(key))
-        return true;
+    if (!document.isMember(key)) return true;
     if (!document[key].isBool()) {
         error = fmt::format("\"{}\" must be true or false", key);
         return false;
@@ -128,8 +122,7 @@ bool readFlag(Json::Value const& document, char const* key, bool& target, std::s
 bool readTls(Json::Value const& document, EmulatorConfig& config, std::string& error)
 {
     TlsFiles files;
-    if (!readFlag(document, "requireClientCertificate", files.requireClientCertificate, error))
-        return false;
+    if (!readFlag(document, "requireClientCertificate", files.requireClientCertificate, error)) return false;
     if (!readText(document, "certificate", files.certificateChain, error)
         || !readText(document, "privateKey", files.privateKey, error)
         || !readText(document, "clientCa", files.clientCa, error))
@@ -138,8 +131,7 @@ bool readTls(Json::Value const& document, EmulatorConfig& config, std::string& e
         error = "\"certificate\" and \"privateKey\" go together";
         return false;
     }
-    if (!files.certificateChain.empty())
-        config.tls = files;
+    if (!files.certificateChain.empty()) config.tls = files;
     return true;
 }
 
@@ -163,10 +155,8 @@ bool applyConfigDocument(Json::Value const& document, EmulatorConfig& config, st
         || !readText(document, "countryIso", config.countryIso, error) || !readNumbers(document, config, error)
         || !readTls(document, config, error))
         return false;
-    if (document.isMember("endpoints") && !readEndpoints(document["endpoints"], config.endpoints, error))
-        return false;
-    if (document.isMember("users") && !readUsers(document["users"], config.users, error))
-        return false;
+    if (document.isMember("endpoints") && !readEndpoints(document["endpoints"], config.endpoints, error)) return false;
+    if (document.isMember("users") && !readUsers(document["users"], config.users, error)) return false;
     if (document.isMember("randomFaults")) {
         std::string text;
         if (!readText(document, "randomFaults", text, error) || !parseRandomFaults(text, config.randomFaults, error))

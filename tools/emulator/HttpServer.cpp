@@ -56,7 +56,7 @@ std::optional<ssl::context> makeTlsContext(std::optional<TlsFiles> const& files)
 
 struct HttpServer::Impl {
     ServerState state;
-    std::optional<ssl::context> tls;  // outlives the connections, which die with `io`
+    std::optional<ssl::context> tls; // outlives the connections, which die with `io`
     asio::io_context io{1};
     tcp::acceptor acceptor{io};
     asio::steady_timer retryTimer{io};
@@ -96,7 +96,8 @@ HttpServer::HttpServer(Handler handler, std::optional<TlsFiles> tls, unsigned sh
     m_impl->state.handler = std::move(handler);
     m_impl->tls = makeTlsContext(tls);
     tcp::endpoint const endpoint(asio::ip::make_address(address), port);
-    m_impl->host = endpoint.address().is_v6() ? "[" + endpoint.address().to_string() + "]" : endpoint.address().to_string();
+    m_impl->host =
+        endpoint.address().is_v6() ? "[" + endpoint.address().to_string() + "]" : endpoint.address().to_string();
     m_impl->acceptor.open(endpoint.protocol());
     m_impl->acceptor.set_option(tcp::acceptor::reuse_address(true));
     m_impl->acceptor.bind(endpoint);
@@ -113,10 +114,7 @@ HttpServer::~HttpServer()
     m_impl->thread.join();
 }
 
-unsigned short HttpServer::port() const
-{
-    return m_impl->port;
-}
+unsigned short HttpServer::port() const { return m_impl->port; }
 
 std::string HttpServer::baseUrl() const
 {

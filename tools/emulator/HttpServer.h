@@ -25,13 +25,13 @@ using Request = http::request<http::string_body>;
 using Response = http::response<http::string_body>;
 
 struct CapturedRequest {
-    std::string requestLine;  // e.g. "GET //v1/accounts/current HTTP/1.1"
+    std::string requestLine; // e.g. "GET //v1/accounts/current HTTP/1.1"
     std::string method;
-    std::string target;       // as sent: doubled slashes and query text untouched
-    std::vector<std::pair<std::string, std::string>> headers;  // in the order sent
-    std::string body;         // empty when streamed to a file; cut short past the capture budget
-    std::string clientCommonName{};  // CN of the TLS client certificate; empty when none was sent
-    std::size_t bodySize = 0;        // the body's whole length as received
+    std::string target;                                       // as sent: doubled slashes and query text untouched
+    std::vector<std::pair<std::string, std::string>> headers; // in the order sent
+    std::string body;               // empty when streamed to a file; cut short past the capture budget
+    std::string clientCommonName{}; // CN of the TLS client certificate; empty when none was sent
+    std::size_t bodySize = 0;       // the body's whole length as received
 
     // The first header of that name (case-insensitive), or nullopt.
     std::optional<std::string> header(std::string const& name) const;
@@ -45,8 +45,8 @@ struct Fault {
     std::string raw;
 
     static Fault delayBy(std::chrono::milliseconds d) { return {Kind::delay, d, {}}; }
-    static Fault dropConnection() { return {Kind::drop, {}, {}}; }  // close without a reply
-    static Fault neverAnswer() { return {Kind::silence, {}, {}}; }  // hold the connection, say nothing
+    static Fault dropConnection() { return {Kind::drop, {}, {}}; } // close without a reply
+    static Fault neverAnswer() { return {Kind::silence, {}, {}}; } // hold the connection, say nothing
     static Fault rawReply(std::string bytes) { return {Kind::raw, {}, std::move(bytes)}; }
 };
 
@@ -62,10 +62,10 @@ struct CaptureLimits {
 inline constexpr char const* kBodyFileField = "X-Emulator-Body-File";
 
 struct TlsFiles {
-    std::string certificateChain;  // PEM
-    std::string privateKey;        // PEM
-    std::string clientCa{};        // PEM; when set, clients are asked for a certificate it signed
-    bool requireClientCertificate = false;  // with clientCa: a client without one fails the handshake
+    std::string certificateChain;          // PEM
+    std::string privateKey;                // PEM
+    std::string clientCa{};                // PEM; when set, clients are asked for a certificate it signed
+    bool requireClientCertificate = false; // with clientCa: a client without one fails the handshake
 };
 
 // How the server takes the body of one request, decided on its head.
@@ -109,7 +109,7 @@ public:
     ~HttpServer();
 
     unsigned short port() const;
-    std::string baseUrl() const;  // "http://127.0.0.1:<port>" or "https://..."
+    std::string baseUrl() const; // "http://127.0.0.1:<port>" or "https://..."
 
     void setBodyPlanner(BodyPlanner planner);
     void setBodyFileChooser(BodyFileChooser chooser);

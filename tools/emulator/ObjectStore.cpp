@@ -33,8 +33,8 @@ Json::Value recordOf(StoredObject const& object)
 
 std::optional<StoredObject> objectOf(Json::Value const& record)
 {
-    if (!record.isObject() || !record["id"].isString() || !record["sequence"].isUInt64()
-        || !record["name"].isString() || !record["created"].isInt64() || !record["contentLength"].isUInt64())
+    if (!record.isObject() || !record["id"].isString() || !record["sequence"].isUInt64() || !record["name"].isString()
+        || !record["created"].isInt64() || !record["contentLength"].isUInt64())
         return std::nullopt;
     StoredObject object;
     object.id = record["id"].asString();
@@ -43,8 +43,8 @@ std::optional<StoredObject> objectOf(Json::Value const& record)
     object.name = record["name"].asString();
     object.type = record["type"].asString();
     object.contentType = record["contentType"].asString();
-    object.metadataItems = record["metadata"]["item"].isArray() ? record["metadata"]["item"]
-                                                                 : Json::Value(Json::arrayValue);
+    object.metadataItems =
+        record["metadata"]["item"].isArray() ? record["metadata"]["item"] : Json::Value(Json::arrayValue);
     object.created = record["created"].asInt64();
     object.uploaded = record["uploaded"].asBool();
     object.contentLength = record["contentLength"].asUInt64();
@@ -65,22 +65,19 @@ std::string StoredObject::objectKey() const
     return slash == std::string::npos ? id : name.substr(slash + 1);
 }
 
-ObjectStore::ObjectStore(fs::path directory)
-    : m_objects(directory / "objects"), m_incoming(directory / "incoming")
+ObjectStore::ObjectStore(fs::path directory) : m_objects(directory / "objects"), m_incoming(directory / "incoming")
 {
     makePrivateDirectory(m_objects);
     makePrivateDirectory(m_incoming);
     // Bodies that were still arriving when the last run ended belong to nobody.
-    for (fs::directory_iterator it(m_incoming), end; it != end; ++it)
-        fs::remove(it->path());
+    for (fs::directory_iterator it(m_incoming), end; it != end; ++it) fs::remove(it->path());
     load();
 }
 
 void ObjectStore::load()
 {
     for (fs::directory_iterator it(m_objects), end; it != end; ++it) {
-        if (it->path().extension() != ".json")
-            continue;
+        if (it->path().extension() != ".json") continue;
         fs::ifstream in(it->path());
         std::stringstream text;
         text << in.rdbuf();
@@ -92,8 +89,7 @@ void ObjectStore::load()
         } catch (Json::Exception const&) {
             // A hand-edited record of the wrong shape is skipped like an unreadable one.
         }
-        if (!object)
-            continue;
+        if (!object) continue;
         m_nextSequence = std::max(m_nextSequence, object->sequence + 1);
         m_byId[object->id] = *object;
     }
@@ -126,16 +122,14 @@ StoredObject ObjectStore::create(std::string const& accountId, std::string const
 std::optional<StoredObject> ObjectStore::find(std::string const& id) const
 {
     auto it = m_byId.find(id);
-    if (it == m_byId.end())
-        return std::nullopt;
+    if (it == m_byId.end()) return std::nullopt;
     return it->second;
 }
 
 std::vector<StoredObject> ObjectStore::all() const
 {
     std::vector<StoredObject> objects;
-    for (auto const& entry : m_byId)
-        objects.push_back(entry.second);
+    for (auto const& entry : m_byId) objects.push_back(entry.second);
     std::sort(objects.begin(), objects.end(),
               [](StoredObject const& a, StoredObject const& b) { return a.sequence < b.sequence; });
     return objects;
@@ -143,8 +137,7 @@ std::vector<StoredObject> ObjectStore::all() const
 
 bool ObjectStore::remove(std::string const& id)
 {
-    if (m_byId.erase(id) == 0)
-        return false;
+    if (m_byId.erase(id) == 0) return false;
     boost::system::error_code ignored;
     fs::remove(m_objects / (id + ".json"), ignored);
     fs::remove(bodyPath(id), ignored);
@@ -166,20 +159,15 @@ std::optional<StoredObject> ObjectStore::commitBody(std::string const& id, fs::p
         return std::nullopt;
     }
     auto size = fs::file_size(incoming, error);
-    if (error)
-        return std::nullopt;
+    if (error) return std::nullopt;
     fs::rename(incoming, bodyPath(id), error);
-    if (error)
-        return std::nullopt;
+    if (error) return std::nullopt;
     it->second.uploaded = true;
     it->second.contentLength = size;
     save(it->second);
     return it->second;
 }
 
-fs::path ObjectStore::bodyPath(std::string const& id) const
-{
-    return m_objects / (id + ".body");
-}
+fs::path ObjectStore::bodyPath(std::string const& id) const { return m_objects / (id + ".body"); }
 
 } // namespace tavix::emulator

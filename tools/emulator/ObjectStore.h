@@ -17,13 +17,13 @@ namespace tavix::emulator {
 
 struct StoredObject {
     std::string id;
-    unsigned long long sequence = 0;  // creation order, also across restarts
+    unsigned long long sequence = 0; // creation order, also across restarts
     std::string accountId;
     std::string name;
     std::string type;
     std::string contentType;
-    Json::Value metadataItems{Json::arrayValue};  // the "item" array as the client sent it
-    long long created = 0;                        // seconds since the epoch
+    Json::Value metadataItems{Json::arrayValue}; // the "item" array as the client sent it
+    long long created = 0;                       // seconds since the epoch
     bool uploaded = false;
     unsigned long long contentLength = 0;
 
@@ -41,7 +41,7 @@ public:
     StoredObject create(std::string const& accountId, std::string const& name, std::string const& type,
                         std::string const& contentType, Json::Value const& metadataItems);
     std::optional<StoredObject> find(std::string const& id) const;
-    std::vector<StoredObject> all() const;  // in creation order
+    std::vector<StoredObject> all() const; // in creation order
     bool remove(std::string const& id);
 
     // A fresh file to receive a body for object `id` before it is committed.

@@ -17,12 +17,12 @@ bool readNumber(std::string const& text, Number& value)
 
 bool setMember(RandomFaults& faults, std::string const& name, std::string const& text, std::string& error)
 {
-    double* probability = name == "drop"          ? &faults.drop
-                          : name == "stall"       ? &faults.stall
-                          : name == "5xx"         ? &faults.serverError
-                          : name == "401"         ? &faults.unauthorized
-                          : name == "expired-url" ? &faults.expiredUrl
-                                                  : nullptr;
+    double* probability = name == "drop" ? &faults.drop
+        : name == "stall"                ? &faults.stall
+        : name == "5xx"                  ? &faults.serverError
+        : name == "401"                  ? &faults.unauthorized
+        : name == "expired-url"          ? &faults.expiredUrl
+                                         : nullptr;
     if (probability) {
         if (!readNumber(text, *probability) || !(*probability >= 0 && *probability <= 1)) {
             error = fmt::format("\"{}\" must be a probability from 0 to 1, not \"{}\"", name, text);
@@ -62,8 +62,7 @@ bool parseRandomFaults(std::string const& text, RandomFaults& faults, std::strin
             error = fmt::format("expected name=value, not \"{}\"", item);
             return false;
         }
-        if (!setMember(parsed, item.substr(0, equals), item.substr(equals + 1), error))
-            return false;
+        if (!setMember(parsed, item.substr(0, equals), item.substr(equals + 1), error)) return false;
     }
     faults = parsed;
     return true;
@@ -72,7 +71,8 @@ bool parseRandomFaults(std::string const& text, RandomFaults& faults, std::strin
 std::string formatRandomFaults(RandomFaults const& faults)
 {
     return fmt::format("drop={},stall={},stall-ms={},5xx={},401={},expired-url={},seed={}", faults.drop, faults.stall,
-                       faults.stallMax.count(), faults.serverError, faults.unauthorized, faults.expiredUrl, faults.seed);
+                       faults.stallMax.count(), faults.serverError, faults.unauthorized, faults.expiredUrl,
+                       faults.seed);
 }
 
 char const* FaultDice::name(Kind kind)
@@ -106,10 +106,8 @@ FaultDice::Counts FaultDice::injected() const
 std::optional<Fault> FaultDice::transportFault()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (rollLocked(drop, m_faults.drop))
-        return Fault::dropConnection();
-    if (!rollLocked(stall, m_faults.stall))
-        return std::nullopt;
+    if (rollLocked(drop, m_faults.drop)) return Fault::dropConnection();
+    if (!rollLocked(stall, m_faults.stall)) return std::nullopt;
     std::uniform_int_distribution<long> pause(0, static_cast<long>(m_faults.stallMax.count()));
     return Fault::delayBy(std::chrono::milliseconds(pause(m_generator)));
 }
@@ -117,18 +115,17 @@ std::optional<Fault> FaultDice::transportFault()
 bool FaultDice::roll(Kind kind)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    double const probability = kind == serverError    ? m_faults.serverError
-                               : kind == unauthorized ? m_faults.unauthorized
-                               : kind == expiredUrl   ? m_faults.expiredUrl
-                                                      : 0.0;
+    double const probability = kind == serverError ? m_faults.serverError
+        : kind == unauthorized                     ? m_faults.unauthorized
+        : kind == expiredUrl                       ? m_faults.expiredUrl
+                                                   : 0.0;
     return rollLocked(kind, probability);
 }
 
 bool FaultDice::rollLocked(Kind kind, double probability)
 {
     // No draw at 0, so that faults that are off leave the sequence of the others as it was.
-    if (probability <= 0 || std::uniform_real_distribution<double>(0, 1)(m_generator) >= probability)
-        return false;
+    if (probability <= 0 || std::uniform_real_distribution<double>(0, 1)(m_generator) >= probability) return false;
     ++m_injected[kind];
     return true;
 }

@@ -20,13 +20,13 @@
 namespace tavix::emulator {
 
 struct RandomFaults {
-    double drop = 0;          // "drop": close the connection instead of answering
-    double stall = 0;         // "stall": answer after a pause of up to `stallMax`
-    std::chrono::milliseconds stallMax{2000};  // "stall-ms"
-    double serverError = 0;   // "5xx": 503 with the service's error document
-    double unauthorized = 0;  // "401": refuse the bearer token of a route that takes one
-    double expiredUrl = 0;    // "expired-url": a store request is given an upload URL that has expired
-    std::uint64_t seed = 0;   // "seed"
+    double drop = 0;                          // "drop": close the connection instead of answering
+    double stall = 0;                         // "stall": answer after a pause of up to `stallMax`
+    std::chrono::milliseconds stallMax{2000}; // "stall-ms"
+    double serverError = 0;                   // "5xx": 503 with the service's error document
+    double unauthorized = 0;                  // "401": refuse the bearer token of a route that takes one
+    double expiredUrl = 0;                    // "expired-url": a store request is given an upload URL that has expired
+    std::uint64_t seed = 0;                   // "seed"
 };
 
 // Sets the members that `text` names ("" names none). False with `error` set on an unknown
@@ -40,7 +40,7 @@ class FaultDice {
 public:
     enum Kind { drop, stall, serverError, unauthorized, expiredUrl, kindCount };
     using Counts = std::array<std::uint64_t, kindCount>;
-    static char const* name(Kind kind);  // as in the text form: "drop", "5xx", ...
+    static char const* name(Kind kind); // as in the text form: "drop", "5xx", ...
 
     explicit FaultDice(RandomFaults faults = {});
     // Starts over: the generator from the seed, the counts from 0.

@@ -14,12 +14,9 @@ namespace {
 
 int hexDigit(char c)
 {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
     return -1;
 }
 
@@ -61,11 +58,9 @@ ServiceContext::ServiceContext(EmulatorConfig configuration, std::string base)
                      {"HTTPLITE", "REST", baseUrl + "/httplite"},
                      {"LOCATOR", "REST", baseUrl + "/locator/rest"}};
     }
-    for (EndpointRecord& endpoint : endpoints)
-        endpoint.endPointURL = withBaseUrl(endpoint.endPointURL, baseUrl);
+    for (EndpointRecord& endpoint : endpoints) endpoint.endPointURL = withBaseUrl(endpoint.endPointURL, baseUrl);
     users = config.users;
-    if (users.empty())
-        users.push_back({"1", "owner@example.com", "Olive", "Owner", false, true});
+    if (users.empty()) users.push_back({"1", "owner@example.com", "Olive", "Owner", false, true});
 }
 
 std::vector<std::string> targetSegments(std::string const& target, std::string* query)
@@ -73,8 +68,7 @@ std::vector<std::string> targetSegments(std::string const& target, std::string* 
     std::string path = target;
     if (auto mark = target.find('?'); mark != std::string::npos) {
         path = target.substr(0, mark);
-        if (query)
-            *query = target.substr(mark + 1);
+        if (query) *query = target.substr(mark + 1);
     }
     // An absolute-form target ("http://h:p/x") names the same resource as "/x".
     if (auto scheme = path.find("://"); scheme != std::string::npos) {
@@ -85,10 +79,8 @@ std::vector<std::string> targetSegments(std::string const& target, std::string* 
     std::size_t start = 0;
     while (start <= path.size()) {
         auto slash = path.find('/', start);
-        if (slash == std::string::npos)
-            slash = path.size();
-        if (slash > start)
-            segments.push_back(percentDecoded(path.substr(start, slash - start)));
+        if (slash == std::string::npos) slash = path.size();
+        if (slash > start) segments.push_back(percentDecoded(path.substr(start, slash - start)));
         start = slash + 1;
     }
     return segments;
@@ -104,8 +96,7 @@ RoutedRequest routeOf(Request const& request)
 std::string joined(std::vector<std::string>::const_iterator begin, std::vector<std::string>::const_iterator end)
 {
     std::string text;
-    for (auto it = begin; it != end; ++it)
-        text += (it == begin ? "" : "/") + *it;
+    for (auto it = begin; it != end; ++it) text += (it == begin ? "" : "/") + *it;
     return text;
 }
 
@@ -115,15 +106,12 @@ std::vector<std::pair<std::string, std::string>> queryPairs(std::string const& q
     std::size_t start = 0;
     while (start < query.size()) {
         auto amp = query.find('&', start);
-        if (amp == std::string::npos)
-            amp = query.size();
+        if (amp == std::string::npos) amp = query.size();
         std::string pair = query.substr(start, amp - start);
         if (!pair.empty()) {
             auto equals = pair.find('=');
-            if (equals == std::string::npos)
-                pairs.emplace_back(pair, std::string());
-            else
-                pairs.emplace_back(pair.substr(0, equals), pair.substr(equals + 1));
+            if (equals == std::string::npos) pairs.emplace_back(pair, std::string());
+            else pairs.emplace_back(pair.substr(0, equals), pair.substr(equals + 1));
         }
         start = amp + 1;
     }
@@ -145,15 +133,13 @@ std::vector<std::pair<std::string, std::string>> formPairs(std::string const& bo
 std::optional<std::string> queryValue(std::string const& query, std::string const& key)
 {
     for (auto const& [name, value] : queryPairs(query))
-        if (name == key)
-            return value;
+        if (name == key) return value;
     return std::nullopt;
 }
 
 bool endsWith(std::vector<std::string> const& segments, std::vector<std::string> const& tail)
 {
-    if (tail.size() > segments.size())
-        return false;
+    if (tail.size() > segments.size()) return false;
     return std::equal(tail.begin(), tail.end(), segments.end() - static_cast<std::ptrdiff_t>(tail.size()));
 }
 
@@ -163,8 +149,7 @@ std::optional<Json::Value> parseJson(std::string const& text, std::string& error
     builder["failIfExtra"] = true;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &error))
-        return std::nullopt;
+    if (!reader->parse(text.data(), text.data() + text.size(), &root, &error)) return std::nullopt;
     return root;
 }
 
@@ -185,17 +170,13 @@ std::string isoTime(long long secondsSinceEpoch)
     return text;
 }
 
-long long now()
-{
-    return static_cast<long long>(std::time(nullptr));
-}
+long long now() { return static_cast<long long>(std::time(nullptr)); }
 
 std::string randomHex(std::size_t bytes)
 {
     static thread_local std::mt19937_64 generator{std::random_device{}()};
     std::string out;
-    for (std::size_t i = 0; i < bytes; ++i)
-        out += fmt::format("{:02x}", static_cast<unsigned>(generator() & 0xff));
+    for (std::size_t i = 0; i < bytes; ++i) out += fmt::format("{:02x}", static_cast<unsigned>(generator() & 0xff));
     return out;
 }
 
@@ -203,8 +184,7 @@ Response textReply(Request const& request, unsigned status, std::string body, st
 {
     Response response{static_cast<http::status>(status), request.version()};
     response.set(http::field::server, "restclient-emulator");
-    if (!contentType.empty())
-        response.set(http::field::content_type, contentType);
+    if (!contentType.empty()) response.set(http::field::content_type, contentType);
     response.keep_alive(request.keep_alive());
     response.body() = std::move(body);
     response.prepare_payload();
@@ -224,8 +204,7 @@ Response errorReply(Request const& request, ErrorStyle style, http::status statu
     error["subCode"] = static_cast<unsigned>(subCode);
     error["message"] = message;
     error["details"] = details;
-    if (style == ErrorStyle::bare)
-        return jsonReply(request, status, error);
+    if (style == ErrorStyle::bare) return jsonReply(request, status, error);
     Json::Value wrapped(Json::objectValue);
     wrapped["TavixErrorResponse"] = error;
     return jsonReply(request, status, wrapped);
@@ -240,9 +219,9 @@ Response messageReply(Request const& request, http::status status, std::string c
 
 Response methodNotAllowed(Request const& request, ErrorStyle style, std::string const& allowed)
 {
-    Response response = errorReply(request, style, http::status::method_not_allowed, SubCode::methodNotAllowed,
-                                   fmt::format("Method {} not allowed", std::string(request.method_string())),
-                                   "Allowed: " + allowed);
+    Response response =
+        errorReply(request, style, http::status::method_not_allowed, SubCode::methodNotAllowed,
+                   fmt::format("Method {} not allowed", std::string(request.method_string())), "Allowed: " + allowed);
     response.set(http::field::allow, allowed);
     return response;
 }

@@ -18,12 +18,12 @@ namespace tavix::emulator {
 // What every service needs to know about the emulator it runs in, fixed once it listens.
 struct ServiceContext {
     EmulatorConfig config;
-    std::string baseUrl;                  // "http://127.0.0.1:<port>"
-    std::string accountUrl;               // what the Locator gives for ACCOUNT: <baseUrl>/account
-    std::string storageUrl;               // the account's "storage" link: <baseUrl>/storage/v1/accounts/<id>
-    std::string usersUrl;                 // the account's "users" link
-    std::vector<EndpointRecord> endpoints;  // "{baseUrl}" filled in
-    std::vector<UserRecord> users;          // never empty
+    std::string baseUrl;                   // "http://127.0.0.1:<port>"
+    std::string accountUrl;                // what the Locator gives for ACCOUNT: <baseUrl>/account
+    std::string storageUrl;                // the account's "storage" link: <baseUrl>/storage/v1/accounts/<id>
+    std::string usersUrl;                  // the account's "users" link
+    std::vector<EndpointRecord> endpoints; // "{baseUrl}" filled in
+    std::vector<UserRecord> users;         // never empty
 
     ServiceContext(EmulatorConfig config, std::string baseUrl);
     ErrorStyle errorStyle() const { return config.errorStyle; }
@@ -31,8 +31,8 @@ struct ServiceContext {
 
 struct RoutedRequest {
     Request const& request;
-    std::vector<std::string> segments;  // non-empty path segments, percent-decoded
-    std::string query;                  // text after the first "?", as sent
+    std::vector<std::string> segments; // non-empty path segments, percent-decoded
+    std::string query;                 // text after the first "?", as sent
 };
 
 RoutedRequest routeOf(Request const& request);

@@ -41,8 +41,7 @@ Response listReply(ServiceContext const& context, RoutedRequest const& route, st
     Json::Value document(Json::objectValue);
     document["href"] = context.baseUrl + std::string(route.request.target());
     document["resource"] = Json::Value(Json::arrayValue);
-    for (StoredObject const& object : objects)
-        document["resource"].append(resourceDocument(context, object));
+    for (StoredObject const& object : objects) document["resource"].append(resourceDocument(context, object));
     return jsonReply(route.request, http::status::ok, document);
 }
 
@@ -62,8 +61,7 @@ Response invalid(ServiceContext const& context, RoutedRequest const& route, std:
 bool readMetadata(Json::Value const& resource, Json::Value& items, std::string& error)
 {
     items = Json::Value(Json::arrayValue);
-    if (!resource.isMember("metadata"))
-        return true;
+    if (!resource.isMember("metadata")) return true;
     Json::Value const& metadata = resource["metadata"];
     if (!metadata.isObject() || (metadata.isMember("item") && !metadata["item"].isArray())) {
         error = "\"metadata\" must be {\"item\": [...]}";
@@ -84,8 +82,7 @@ bool readMetadata(Json::Value const& resource, Json::Value& items, std::string& 
 std::string checksumOf(StoredObject const& object)
 {
     for (Json::Value const& item : object.metadataItems) {
-        if (item["key"].asString() != "_md5checksum" || !item["value"].isString())
-            continue;
+        if (item["key"].asString() != "_md5checksum" || !item["value"].isString()) continue;
         std::string checksum = item["value"].asString();
         std::transform(checksum.begin(), checksum.end(), checksum.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -98,42 +95,35 @@ std::string checksumOf(StoredObject const& object)
 
 StorageService::StorageService(fs::path const& dataDirectory)
     : m_store(dataDirectory), m_signer(dataDirectory / "signing.key")
-{
-}
+{}
 
 Response StorageService::accountRoute(ServiceContext const& context, RoutedRequest const& route,
                                       std::vector<std::string> const& rest)
 {
     http::verb method = route.request.method();
     if (rest.empty() || (rest.size() == 1 && rest[0] == "files")) {
-        if (method == http::verb::post && !rest.empty())
-            return store(context, route);
+        if (method == http::verb::post && !rest.empty()) return store(context, route);
         if (method != http::verb::get)
             return methodNotAllowed(route.request, context.errorStyle(), rest.empty() ? "GET" : "GET, POST");
         return search(context, route);
     }
     if (rest[0] == "files" && rest.size() >= 3) {
-        if (method != http::verb::get)
-            return methodNotAllowed(route.request, context.errorStyle(), "GET");
+        if (method != http::verb::get) return methodNotAllowed(route.request, context.errorStyle(), "GET");
         std::string scope = rest[1];
         std::string project = joined(rest.begin() + 2, rest.end());
         std::vector<StoredObject> found;
         for (StoredObject const& object : m_store.all())
-            if (object.type == scope && object.project() == project)
-                found.push_back(object);
+            if (object.type == scope && object.project() == project) found.push_back(object);
         return listReply(context, route, found);
     }
-    if (rest[0] == "project" && rest.size() >= 3)
-        return projectRoute(context, route, rest);
-    if (rest[0] == "objects" && rest.size() >= 2)
-        return objectRoute(context, route, rest);
+    if (rest[0] == "project" && rest.size() >= 3) return projectRoute(context, route, rest);
+    if (rest[0] == "objects" && rest.size() >= 2) return objectRoute(context, route, rest);
     return notFound(context, route, "No such storage resource");
 }
 
 Response StorageService::currentRoute(ServiceContext const& context, RoutedRequest const& route)
 {
-    if (route.request.method() != http::verb::get)
-        return methodNotAllowed(route.request, context.errorStyle(), "GET");
+    if (route.request.method() != http::verb::get) return methodNotAllowed(route.request, context.errorStyle(), "GET");
     return listReply(context, route, m_store.all());
 }
 
@@ -145,16 +135,14 @@ Response StorageService::store(ServiceContext const& context, RoutedRequest cons
         return errorReply(route.request, context.errorStyle(), http::status::bad_request, SubCode::malformedJson,
                           "Malformed JSON", error);
     Json::Value const& resource = (*body)["resource"];
-    if (!body->isObject() || !resource.isObject())
-        return invalid(context, route, "expected {\"resource\": {...}}");
+    if (!body->isObject() || !resource.isObject()) return invalid(context, route, "expected {\"resource\": {...}}");
     if (!resource["name"].isString() || resource["name"].asString().empty())
         return invalid(context, route, "\"name\" must be a non-empty string");
     for (char const* key : {"type", "contentType"})
         if (resource.isMember(key) && !resource[key].isString())
             return invalid(context, route, fmt::format("\"{}\" must be a string", key));
     Json::Value items;
-    if (!readMetadata(resource, items, error))
-        return invalid(context, route, error);
+    if (!readMetadata(resource, items, error)) return invalid(context, route, error);
 
     StoredObject object = m_store.create(context.config.accountId, resource["name"].asString(),
                                          resource.get("type", "project").asString(),
@@ -193,10 +181,8 @@ std::optional<StoredObject> StorageService::findInProject(std::string const& pro
 {
     std::optional<StoredObject> newest;
     for (StoredObject const& candidate : m_store.all()) {
-        if (candidate.project() != project)
-            continue;
-        if (object == "latest" || candidate.objectKey() == object || candidate.id == object)
-            newest = candidate;
+        if (candidate.project() != project) continue;
+        if (object == "latest" || candidate.objectKey() == object || candidate.id == object) newest = candidate;
     }
     return newest;
 }
@@ -204,17 +190,14 @@ std::optional<StoredObject> StorageService::findInProject(std::string const& pro
 Response StorageService::projectRoute(ServiceContext const& context, RoutedRequest const& route,
                                       std::vector<std::string> const& rest)
 {
-    if (route.request.method() != http::verb::get)
-        return methodNotAllowed(route.request, context.errorStyle(), "GET");
+    if (route.request.method() != http::verb::get) return methodNotAllowed(route.request, context.errorStyle(), "GET");
     // …/project/<p>/<o>/url asks for a new upload URL of an existing object; a project may
     // itself contain "/", so the object is always the last segment before that.
     bool wantsUrl = rest.size() >= 4 && rest.back() == "url";
     auto objectAt = rest.end() - (wantsUrl ? 2 : 1);
     auto object = findInProject(joined(rest.begin() + 1, objectAt), *objectAt);
-    if (!object)
-        return notFound(context, route, "No such object");
-    if (wantsUrl)
-        return jsonReply(route.request, http::status::ok, signedUrlDocument(context, *object, "upload"));
+    if (!object) return notFound(context, route, "No such object");
+    if (wantsUrl) return jsonReply(route.request, http::status::ok, signedUrlDocument(context, *object, "upload"));
     return jsonReply(route.request, http::status::ok, resourceDocument(context, *object));
 }
 
@@ -233,12 +216,9 @@ Response StorageService::objectRoute(ServiceContext const& context, RoutedReques
     }
     if (method != http::verb::get)
         return methodNotAllowed(route.request, context.errorStyle(), rest.size() == 2 ? "GET, DELETE" : "GET");
-    if (rest.size() == 2)
-        return jsonReply(route.request, http::status::ok, resourceDocument(context, *object));
-    if (rest[2] == "versions")
-        return listReply(context, route, {*object});
-    if (!object->uploaded)
-        return notFound(context, route, "The object has no content yet");
+    if (rest.size() == 2) return jsonReply(route.request, http::status::ok, resourceDocument(context, *object));
+    if (rest[2] == "versions") return listReply(context, route, {*object});
+    if (!object->uploaded) return notFound(context, route, "The object has no content yet");
     return jsonReply(route.request, http::status::ok, signedUrlDocument(context, *object, "download"));
 }
 
@@ -249,17 +229,15 @@ Json::Value StorageService::signedUrlDocument(ServiceContext const& context, Sto
     Json::Value document(Json::objectValue);
     document["href"] = objectLink(context, object);
     document["expires"] = isoTime(expires);
-    document["url"] = fmt::format("{}/blobs/{}?{}", context.baseUrl, object.id,
-                                  m_signer.signedQuery(operation, object.id, expires));
+    document["url"] =
+        fmt::format("{}/blobs/{}?{}", context.baseUrl, object.id, m_signer.signedQuery(operation, object.id, expires));
     return document;
 }
 
 Response StorageService::blobRoute(ServiceContext const& context, RoutedRequest const& route, std::string const& id)
 {
-    if (route.request.method() == http::verb::put)
-        return upload(context, route, id);
-    if (route.request.method() == http::verb::get)
-        return download(context, route, id);
+    if (route.request.method() == http::verb::put) return upload(context, route, id);
+    if (route.request.method() == http::verb::get) return download(context, route, id);
     return methodNotAllowed(route.request, context.errorStyle(), "GET, PUT");
 }
 
@@ -269,8 +247,7 @@ std::optional<Response> StorageService::refuseUpload(ServiceContext const& conte
     if (!m_signer.verify(route.query, "upload", id))
         return errorReply(route.request, context.errorStyle(), http::status::forbidden, SubCode::badSignature,
                           "Request has expired or its signature does not match", "Ask for a new upload URL");
-    if (!m_store.find(id))
-        return notFound(context, route, "No such object");
+    if (!m_store.find(id)) return notFound(context, route, "No such object");
     auto const type = route.request[http::field::content_type];
     if (!boost::beast::iequals(type, kUploadContentType))
         return errorReply(route.request, context.errorStyle(), http::status::unsupported_media_type,
@@ -281,7 +258,8 @@ std::optional<Response> StorageService::refuseUpload(ServiceContext const& conte
 
 fs::path StorageService::incomingPath(std::string const& id)
 {
-    bool plainId = !id.empty() && std::all_of(id.begin(), id.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
+    bool plainId =
+        !id.empty() && std::all_of(id.begin(), id.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
     return m_store.incomingPath(plainId ? id : "upload");
 }
 
@@ -309,8 +287,7 @@ Response StorageService::commitUpload(ServiceContext const& context, RoutedReque
 
 Response StorageService::upload(ServiceContext const& context, RoutedRequest const& route, std::string const& id)
 {
-    if (auto refused = refuseUpload(context, route, id))
-        return *refused;
+    if (auto refused = refuseUpload(context, route, id)) return *refused;
     fs::path const incoming = incomingPath(id);
     BodySink sink;
     StreamedBody body;
@@ -335,8 +312,7 @@ Response StorageService::download(ServiceContext const& context, RoutedRequest c
         return errorReply(route.request, context.errorStyle(), http::status::forbidden, SubCode::badSignature,
                           "Request has expired or its signature does not match", "Ask for a new download URL");
     auto object = m_store.find(id);
-    if (!object || !object->uploaded)
-        return notFound(context, route, "No such object");
+    if (!object || !object->uploaded) return notFound(context, route, "No such object");
     // Streamed by the server from the stored file: an object of any size in constant memory.
     Response reply = textReply(route.request, 200, {}, object->contentType);
     reply.set(kBodyFileField, m_store.bodyPath(id).string());

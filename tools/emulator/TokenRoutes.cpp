@@ -26,17 +26,14 @@ Response oauthError(Request const& request, http::status status, std::string con
 
 TokenBook::TokenBook(EmulatorConfig const& config) : m_config(config)
 {
-    for (std::string const& token : config.tokens)
-        accept(token);
+    for (std::string const& token : config.tokens) accept(token);
 }
 
 TokenBook::Standing TokenBook::standing(std::string const& token) const
 {
     auto it = m_expiries.find(token);
-    if (it == m_expiries.end())
-        return Standing::unknown;
-    if (it->second && m_config.enforceTokenExpiry && Clock::now() >= *it->second)
-        return Standing::expired;
+    if (it == m_expiries.end()) return Standing::unknown;
+    if (it->second && m_config.enforceTokenExpiry && Clock::now() >= *it->second) return Standing::expired;
     return Standing::valid;
 }
 
@@ -54,8 +51,8 @@ Response TokenBook::tokenRoute(RoutedRequest const& route)
 {
     Request const& request = route.request;
     if (request.method() != http::verb::post) {
-        Response refused = oauthError(request, http::status::method_not_allowed, "invalid_request",
-                                      "The token endpoint takes POST");
+        Response refused =
+            oauthError(request, http::status::method_not_allowed, "invalid_request", "The token endpoint takes POST");
         refused.set(http::field::allow, "POST");
         return refused;
     }
@@ -69,13 +66,11 @@ Response TokenBook::tokenRoute(RoutedRequest const& route)
             return oauthError(request, http::status::bad_request, "invalid_request", "Repeated parameter " + name);
     auto field = [&](char const* name) -> std::optional<std::string> {
         auto it = form.find(name);
-        if (it == form.end())
-            return std::nullopt;
+        if (it == form.end()) return std::nullopt;
         return it->second;
     };
     std::optional<std::string> const grant = field("grant_type"), client = field("client_id");
-    if (!grant)
-        return oauthError(request, http::status::bad_request, "invalid_request", "Missing grant_type");
+    if (!grant) return oauthError(request, http::status::bad_request, "invalid_request", "Missing grant_type");
     if (*grant != "client_credentials")
         return oauthError(request, http::status::bad_request, "unsupported_grant_type",
                           "Only client_credentials is supported");

@@ -19,8 +19,8 @@ public:
     enum class Standing { valid, expired, unknown };
     Standing standing(std::string const& token) const;
 
-    std::string issue();                      // expires like a handed-out token
-    void accept(std::string const& token);    // never expires
+    std::string issue();                   // expires like a handed-out token
+    void accept(std::string const& token); // never expires
     void revoke(std::string const& token);
 
     // POST …/oauth/token with "grant_type=client_credentials&client_id=<app key>".
@@ -30,7 +30,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     EmulatorConfig const& m_config;
-    std::map<std::string, std::optional<Clock::time_point>> m_expiries;  // nullopt: never
+    std::map<std::string, std::optional<Clock::time_point>> m_expiries; // nullopt: never
 };
 
 } // namespace tavix::emulator

@@ -35,8 +35,7 @@ std::string UrlSigner::signature(std::string const& operation, std::string const
     HMAC(EVP_sha256(), m_secret.data(), static_cast<int>(m_secret.size()),
          reinterpret_cast<unsigned char const*>(message.data()), message.size(), digest, &length);
     std::string hex;
-    for (unsigned int i = 0; i < length; ++i)
-        hex += fmt::format("{:02x}", digest[i]);
+    for (unsigned int i = 0; i < length; ++i) hex += fmt::format("{:02x}", digest[i]);
     return hex;
 }
 
@@ -50,20 +49,18 @@ bool UrlSigner::verify(std::string const& query, std::string const& operation, s
     auto op = queryValue(query, "op");
     auto expiresText = queryValue(query, "expires");
     auto given = queryValue(query, "signature");
-    if (!op || *op != operation || !expiresText || !given || expiresText->empty())
-        return false;
+    if (!op || *op != operation || !expiresText || !given || expiresText->empty()) return false;
     long long expires = 0;
     try {
         std::size_t used = 0;
         expires = std::stoll(*expiresText, &used);
-        if (used != expiresText->size())
-            return false;
+        if (used != expiresText->size()) return false;
     } catch (std::exception const&) {
         return false;
     }
     std::string expected = signature(operation, objectId, expires);
     return given->size() == expected.size() && CRYPTO_memcmp(given->data(), expected.data(), expected.size()) == 0
-           && now() < expires;
+        && now() < expires;
 }
 
 } // namespace tavix::emulator

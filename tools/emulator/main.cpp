@@ -43,20 +43,14 @@ bool applyArguments(po::variables_map const& arguments, EmulatorConfig& config, 
 {
     if (arguments.count("config") && !loadConfigFile(arguments["config"].as<std::string>(), config, error))
         return false;
-    if (arguments.count("address"))
-        config.address = arguments["address"].as<std::string>();
-    if (arguments.count("port"))
-        config.port = arguments["port"].as<unsigned short>();
-    if (arguments.count("data-dir"))
-        config.dataDirectory = arguments["data-dir"].as<std::string>();
-    if (arguments.count("token"))
-        config.tokens = arguments["token"].as<std::vector<std::string>>();
+    if (arguments.count("address")) config.address = arguments["address"].as<std::string>();
+    if (arguments.count("port")) config.port = arguments["port"].as<unsigned short>();
+    if (arguments.count("data-dir")) config.dataDirectory = arguments["data-dir"].as<std::string>();
+    if (arguments.count("token")) config.tokens = arguments["token"].as<std::vector<std::string>>();
     if (arguments.count("token-lifetime"))
         config.tokenLifetime = std::chrono::seconds(arguments["token-lifetime"].as<unsigned>());
-    if (arguments.count("capture-requests"))
-        config.capture.requests = arguments["capture-requests"].as<std::size_t>();
-    if (arguments.count("capture-bytes"))
-        config.capture.bodyBytes = arguments["capture-bytes"].as<std::size_t>();
+    if (arguments.count("capture-requests")) config.capture.requests = arguments["capture-requests"].as<std::size_t>();
+    if (arguments.count("capture-bytes")) config.capture.bodyBytes = arguments["capture-bytes"].as<std::size_t>();
     if (arguments.count("read-timeout"))
         config.readTimeout = std::chrono::milliseconds(arguments["read-timeout"].as<unsigned>() * 1000ull);
     if (arguments.count("faults")
@@ -78,8 +72,7 @@ bool applyArguments(po::variables_map const& arguments, EmulatorConfig& config, 
     }
     if (arguments.count("cert")) {
         config.tls = TlsFiles{arguments["cert"].as<std::string>(), arguments["key"].as<std::string>()};
-        if (arguments.count("client-ca"))
-            config.tls->clientCa = arguments["client-ca"].as<std::string>();
+        if (arguments.count("client-ca")) config.tls->clientCa = arguments["client-ca"].as<std::string>();
     }
     if (arguments.count("require-client-cert")) {
         if (!config.makeCertificates && (!config.tls || config.tls->clientCa.empty())) {
@@ -96,29 +89,28 @@ bool applyArguments(po::variables_map const& arguments, EmulatorConfig& config, 
 int main(int argc, char** argv)
 {
     po::options_description options("restclient-emulator options");
-    options.add_options()
-        ("help,h", "show this help")
-        ("address,a", po::value<std::string>(), "address to listen on (default 127.0.0.1); the services' URLs name it")
-        ("port,p", po::value<unsigned short>(), "port (default 0: any free port)")
-        ("data-dir,d", po::value<std::string>(),
-         "where objects, the URL signing key and made certificates are kept, across restarts "
-         "(default: a temporary directory removed at exit)")
-        ("config,c", po::value<std::string>(), "JSON file with tokens, accountId, endpoints, users, ...")
-        ("token,t", po::value<std::vector<std::string>>(), "accepted bearer token that never expires (repeatable)")
-        ("token-lifetime", po::value<unsigned>(), "seconds the token endpoint's tokens live (default 3600)")
-        ("make-certs", "serve HTTPS with a throw-away CA, server and client certificate made in <data-dir>/certs")
-        ("cert", po::value<std::string>(), "PEM certificate chain: serve HTTPS")
-        ("key", po::value<std::string>(), "PEM private key of --cert")
-        ("client-ca", po::value<std::string>(), "PEM CA whose client certificates are asked for")
-        ("require-client-cert", "refuse clients without a client certificate")
-        ("faults", po::value<std::string>(),
-         "faults at random, each a probability per request, e.g. "
-         "drop=0.02,stall=0.02,stall-ms=2000,5xx=0.02,401=0.02,expired-url=0.01,seed=7 (default none)")
-        ("capture-requests", po::value<std::size_t>(), "requests kept for GET /_emulator/requests (default 1000)")
-        ("capture-bytes", po::value<std::size_t>(), "bytes of their bodies kept (default 16 MiB; the oldest go first)")
-        ("read-timeout", po::value<unsigned>(), "seconds a client may keep a connection without sending (default 30)")
-        ("write-settings", po::value<std::string>(),
-         "write the controller settings a device needs to FILE instead of printing them");
+    options.add_options()("help,h", "show this help")(
+        "address,a", po::value<std::string>(), "address to listen on (default 127.0.0.1); the services' URLs name it")(
+        "port,p", po::value<unsigned short>(), "port (default 0: any free port)")(
+        "data-dir,d", po::value<std::string>(),
+        "where objects, the URL signing key and made certificates are kept, across restarts "
+        "(default: a temporary directory removed at exit)")("config,c", po::value<std::string>(),
+                                                            "JSON file with tokens, accountId, endpoints, users, ...")(
+        "token,t", po::value<std::vector<std::string>>(), "accepted bearer token that never expires (repeatable)")(
+        "token-lifetime", po::value<unsigned>(), "seconds the token endpoint's tokens live (default 3600)")(
+        "make-certs", "serve HTTPS with a throw-away CA, server and client certificate made in <data-dir>/certs")(
+        "cert", po::value<std::string>(), "PEM certificate chain: serve HTTPS")(
+        "key", po::value<std::string>(), "PEM private key of --cert")("client-ca", po::value<std::string>(),
+                                                                      "PEM CA whose client certificates are asked for")(
+        "require-client-cert", "refuse clients without a client certificate")(
+        "faults", po::value<std::string>(),
+        "faults at random, each a probability per request, e.g. "
+        "drop=0.02,stall=0.02,stall-ms=2000,5xx=0.02,401=0.02,expired-url=0.01,seed=7 (default none)")(
+        "capture-requests", po::value<std::size_t>(), "requests kept for GET /_emulator/requests (default 1000)")(
+        "capture-bytes", po::value<std::size_t>(), "bytes of their bodies kept (default 16 MiB; the oldest go first)")(
+        "read-timeout", po::value<unsigned>(), "seconds a client may keep a connection without sending (default 30)")(
+        "write-settings", po::value<std::string>(),
+        "write the controller settings a device needs to FILE instead of printing them");
 
     po::variables_map arguments;
     try {

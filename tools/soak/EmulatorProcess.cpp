@@ -47,14 +47,19 @@ std::size_t keepText(char* data, std::size_t size, std::size_t count, void* text
 
 } // namespace
 
-EmulatorProcess::EmulatorProcess(fs::path const& program, fs::path const& workDirectory, std::chrono::seconds tokenLifetime)
+EmulatorProcess::EmulatorProcess(fs::path const& program, fs::path const& workDirectory,
+                                 std::chrono::seconds tokenLifetime)
     : m_work(workDirectory)
 {
     fs::path const output = m_work / "emulator.out";
-    std::vector<std::string> arguments{program.string(),        "--make-certs",
-                                       "--require-client-cert", "--data-dir",
-                                       dataDirectory().string(), "--write-settings",
-                                       settingsFile().string(),  "--token-lifetime",
+    std::vector<std::string> arguments{program.string(),
+                                       "--make-certs",
+                                       "--require-client-cert",
+                                       "--data-dir",
+                                       dataDirectory().string(),
+                                       "--write-settings",
+                                       settingsFile().string(),
+                                       "--token-lifetime",
                                        std::to_string(tokenLifetime.count())};
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
@@ -83,7 +88,8 @@ EmulatorProcess::EmulatorProcess(fs::path const& program, fs::path const& workDi
             m_pid = -1;
             throw std::runtime_error("the emulator ended at once: " + slurp(output));
         }
-        if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("the emulator did not start: " + slurp(output));
+        if (std::chrono::steady_clock::now() > deadline)
+            throw std::runtime_error("the emulator did not start: " + slurp(output));
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         m_baseUrl = lineAfter(slurp(output), "listening on ");
     }
@@ -101,8 +107,7 @@ bool EmulatorProcess::stop()
     if (m_pid < 0) return true;
     kill(m_pid, SIGTERM);
     int status = 0;
-    while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {}
     m_pid = -1;
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }

@@ -5,9 +5,9 @@
 namespace tavix::soak {
 
 struct ProcessFigures {
-    long threads = 0;     // entries of /proc/self/task
-    long openFiles = 0;   // entries of /proc/self/fd, the one used to count them left out
-    long residentKb = 0;  // VmRSS of /proc/self/status
+    long threads = 0;    // entries of /proc/self/task
+    long openFiles = 0;  // entries of /proc/self/fd, the one used to count them left out
+    long residentKb = 0; // VmRSS of /proc/self/status
     // Bytes malloc has handed out and not had back (mallinfo2): unlike the resident size, not
     // raised by the allocator's own pools and fragmentation, so a leak shows in it plainly.
     long heapInUseKb = 0;

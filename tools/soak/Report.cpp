@@ -67,7 +67,8 @@ bool printReport(SoakSummary const& summary, std::ostream& out)
         << fmt::format("\n{:<30}{:>14}{:>14}\n", "this process", "start", "end")
         << fmt::format("{:<30}{:>14}{:>14}\n", "threads", start.threads, end.threads)
         << fmt::format("{:<30}{:>14}{:>14}\n", "open files", start.openFiles, end.openFiles)
-        << fmt::format("{:<30}{:>14}{:>14}\n", "resident memory", megabytes(start.residentKb), megabytes(end.residentKb))
+        << fmt::format("{:<30}{:>14}{:>14}\n", "resident memory", megabytes(start.residentKb),
+                       megabytes(end.residentKb))
         << fmt::format("{:<30}{:>11} kB{:>11} kB\n", "heap in use", start.heapInUseKb, end.heapInUseKb) << "\nchecks\n";
 
     std::vector<std::string> flat, memory, heap, emulator;

@@ -18,13 +18,13 @@ struct SoakSummary {
     int threads = 0;
     double seconds = 0;
     std::vector<UploadOutcome> const* outcomes = nullptr;
-    Json::Value faultReport;  // the emulator's: {"faults": ..., "injected": {...}}
+    Json::Value faultReport; // the emulator's: {"faults": ..., "injected": {...}}
     Verification verification;
-    ProcessFigures start;     // after the warm-up
+    ProcessFigures start; // after the warm-up
     ProcessFigures end;
     double memoryMarginMb = 0;
     double heapMarginMb = 0;
-    std::string emulatorFailure;  // empty: it ran to its end
+    std::string emulatorFailure; // empty: it ran to its end
 };
 
 // Prints the table and the checks; true when every check held.

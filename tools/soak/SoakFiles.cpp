@@ -90,7 +90,8 @@ std::optional<Digest> md5OfFile(boost::filesystem::path const& path)
     if (!file) return std::nullopt;
     Md5 md5;
     std::vector<char> buffer(kChunk);
-    while (std::size_t const bytes = std::fread(buffer.data(), 1, buffer.size(), file.get())) md5.add(buffer.data(), bytes);
+    while (std::size_t const bytes = std::fread(buffer.data(), 1, buffer.size(), file.get()))
+        md5.add(buffer.data(), bytes);
     if (std::ferror(file.get())) return std::nullopt;
     return md5.digest();
 }

@@ -45,7 +45,8 @@ void uploadOne(UploadPlan const& plan, int index, UploadOutcome& outcome)
 
 std::string uploadName(std::uint64_t seed, int index) { return fmt::format("soak-{}-{:05}.bin", seed, index); }
 
-void runUploads(UploadPlan const& plan, int first, int count, std::vector<UploadOutcome>& outcomes, std::ostream& progress)
+void runUploads(UploadPlan const& plan, int first, int count, std::vector<UploadOutcome>& outcomes,
+                std::ostream& progress)
 {
     std::atomic<int> next{0};
     std::mutex mutex;
@@ -80,7 +81,8 @@ void runUploads(UploadPlan const& plan, int first, int count, std::vector<Upload
         std::unique_lock<std::mutex> lock(mutex);
         while (!changed.wait_for(lock, std::chrono::seconds(10), [&] { return active == 0; })) {
             double const seconds = std::chrono::duration<double>(Clock::now() - began).count();
-            progress << fmt::format("  {:5.0f} s: {} of {} finished, {} failed", seconds, done, count, failed) << std::endl;
+            progress << fmt::format("  {:5.0f} s: {} of {} finished, {} failed", seconds, done, count, failed)
+                     << std::endl;
         }
     }
     for (std::thread& worker : workers) worker.join();

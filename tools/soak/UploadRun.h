@@ -15,7 +15,7 @@
 namespace tavix::soak {
 
 struct UploadPlan {
-    boost::filesystem::path files;  // where each file is written, and removed after its upload
+    boost::filesystem::path files; // where each file is written, and removed after its upload
     std::uint64_t seed = 0;
     std::uint64_t maxSize = 0;
     std::string appKey;

@@ -29,14 +29,13 @@ Verification verify(std::vector<UploadOutcome> const& outcomes, std::uint64_t se
             if (outcome.hung) {
                 result.unexplained.push_back(fmt::format("{}: still running at step {}", name, outcome.step));
             } else if (outcome.step != 6 || outcome.errorCode == 0 || outcome.errorMessage.empty()) {
-                result.unexplained.push_back(fmt::format("{}: step {}, code {}, message \"{}\"", name,
-                                                         outcome.step, outcome.errorCode, outcome.errorMessage));
+                result.unexplained.push_back(fmt::format("{}: step {}, code {}, message \"{}\"", name, outcome.step,
+                                                         outcome.errorCode, outcome.errorMessage));
             }
             for (emulator::StoredObject const& object : stored)
                 if (object.uploaded)
-                    result.strayBodies.push_back(fmt::format("{}: failed with {} but object {} holds {} bytes",
-                                                             name, outcome.errorCode, object.id,
-                                                             object.contentLength));
+                    result.strayBodies.push_back(fmt::format("{}: failed with {} but object {} holds {} bytes", name,
+                                                             outcome.errorCode, object.id, object.contentLength));
             continue;
         }
         std::size_t matching = 0;
@@ -49,12 +48,14 @@ Verification verify(std::vector<UploadOutcome> const& outcomes, std::uint64_t se
             result.bytesVerified += outcome.file.size;
         } else {
             result.lost.push_back(fmt::format("{}: reported success, {} of {} objects hold its {} bytes with MD5 {}",
-                                              name, matching, stored.size(), outcome.file.size, outcome.file.md5.hex()));
+                                              name, matching, stored.size(), outcome.file.size,
+                                              outcome.file.md5.hex()));
         }
     }
     for (auto const& [name, objects] : byName)
         for (emulator::StoredObject const& object : objects)
-            if (object.uploaded) result.strayBodies.push_back(fmt::format("{}: object {} of no upload", name, object.id));
+            if (object.uploaded)
+                result.strayBodies.push_back(fmt::format("{}: object {} of no upload", name, object.id));
     return result;
 }
 

@@ -52,13 +52,14 @@ void logToFile(fs::path const& work)
 {
     if (std::getenv("TAVIX_LOG_CONFIG")) return;
     fs::path const properties = work / "log4cplus.properties";
-    std::ofstream(properties.string()) << "log4cplus.rootLogger=DEBUG, file\n"
-                                          "log4cplus.appender.file=log4cplus::FileAppender\n"
-                                          "log4cplus.appender.file.File="
-                                       << (work / "soak.log").string()
-                                       << "\n"
-                                          "log4cplus.appender.file.layout=log4cplus::PatternLayout\n"
-                                          "log4cplus.appender.file.layout.ConversionPattern=%D{%H:%M:%S.%q} %-5p [%T] %m%n\n";
+    std::ofstream(properties.string())
+        << "log4cplus.rootLogger=DEBUG, file\n"
+           "log4cplus.appender.file=log4cplus::FileAppender\n"
+           "log4cplus.appender.file.File="
+        << (work / "soak.log").string()
+        << "\n"
+           "log4cplus.appender.file.layout=log4cplus::PatternLayout\n"
+           "log4cplus.appender.file.layout.ConversionPattern=%D{%H:%M:%S.%q} %-5p [%T] %m%n\n";
     setenv("TAVIX_LOG_CONFIG", properties.c_str(), 1);
 }
 
@@ -79,10 +80,11 @@ ProcessFigures settledFigures(ProcessFigures const& start)
 int soak(Options const& options)
 {
     fs::path const work = options.workDirectory.empty()
-                              ? fs::temp_directory_path() / fs::unique_path("restclient-soak-%%%%-%%%%")
-                              : fs::path(options.workDirectory);
+        ? fs::temp_directory_path() / fs::unique_path("restclient-soak-%%%%-%%%%")
+        : fs::path(options.workDirectory);
     fs::create_directories(work / "files");
-    std::string const faults = (options.faults.empty() ? "" : options.faults + ",") + fmt::format("seed={}", options.seed);
+    std::string const faults =
+        (options.faults.empty() ? "" : options.faults + ",") + fmt::format("seed={}", options.seed);
     std::cout << fmt::format("restclient-soak: {} uploads, {} at a time, seed {} (give --seed {} to repeat it)\n",
                              options.uploads, options.threads, options.seed, options.seed)
               << fmt::format("  faults per request: {}\n", faults)
@@ -93,8 +95,8 @@ int soak(Options const& options)
     auto const began = std::chrono::steady_clock::now();
 
     fs::path const program = options.emulator.empty()
-                                 ? fs::read_symlink("/proc/self/exe").parent_path() / "restclient-emulator"
-                                 : fs::path(options.emulator);
+        ? fs::read_symlink("/proc/self/exe").parent_path() / "restclient-emulator"
+        : fs::path(options.emulator);
     EmulatorProcess emulator(program, work, std::chrono::seconds(options.tokenLifetime));
     setenv("TAVIX_CONTROLLER_CONFIG", emulator.settingsFile().c_str(), 1);
 
@@ -158,17 +160,22 @@ int main(int argc, char** argv)
                  "memory stayed flat.",
                  "restclient-soak"};
     app.add_option("uploads", options.uploads, "how many uploads")->capture_default_str()->check(CLI::PositiveNumber);
-    app.add_option("--threads", options.threads, "uploads at a time")->capture_default_str()->check(CLI::PositiveNumber);
+    app.add_option("--threads", options.threads, "uploads at a time")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
     app.add_option("--seed", options.seed, "seed of the files' sizes and contents and of the faults (default: random)");
-    app.add_option("--faults", options.faults, "the emulator's random faults (the seed is added)")->capture_default_str();
+    app.add_option("--faults", options.faults, "the emulator's random faults (the seed is added)")
+        ->capture_default_str();
     app.add_option("--max-size", options.maxSize, "largest file, in bytes")->capture_default_str();
     app.add_option("--token-lifetime", options.tokenLifetime, "seconds the emulator's tokens live")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
-    app.add_option("--memory-margin", options.memoryMarginMb, "MB the resident memory may grow by")->capture_default_str();
+    app.add_option("--memory-margin", options.memoryMarginMb, "MB the resident memory may grow by")
+        ->capture_default_str();
     app.add_option("--heap-margin", options.heapMarginMb, "MB the heap in use may grow by")->capture_default_str();
-    app.add_option("--work-dir", options.workDirectory, "where files, the emulator's data and the log go "
-                                                        "(default: a temporary directory, removed when all is well)");
+    app.add_option("--work-dir", options.workDirectory,
+                   "where files, the emulator's data and the log go "
+                   "(default: a temporary directory, removed when all is well)");
     app.add_flag("--keep", options.keep, "keep the work directory");
     app.add_option("--emulator", options.emulator, "the restclient-emulator program (default: beside this one)");
     try {

@@ -1,7 +1,7 @@
 #include <tavix/controller/AuthenticationServiceClient.h>
 
-#include <tavix/controller/OAuthHelper.h>
 #include <tavix/Logger.h>
+#include <tavix/controller/OAuthHelper.h>
 #include <tavix/controller/Settings.h>
 #include <tavix/net/http/HttpClient.h>
 
@@ -45,8 +45,7 @@ std::optional<Json::Value> parseJson(std::string const& text)
         std::istringstream in(text);
         std::string errors;
         if (Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors)) return root;
-    } catch (std::exception const&) {
-    }
+    } catch (std::exception const&) {}
     return std::nullopt;
 }
 
@@ -126,9 +125,8 @@ int authenticate(std::string const& appKey, std::string& message, boost::functio
     http::HttpResponse response;
     error_code transport;
     bool done = false;
-    http::HttpClient client(io, [&](http::HttpResponse const& r, error_code const& e) {
-        response = r, transport = e, done = true;
-    });
+    http::HttpClient client(
+        io, [&](http::HttpResponse const& r, error_code const& e) { response = r, transport = e, done = true; });
     client.asyncRequest(request);
     while (!done && !io.stopped()) {
         io.run_one_for(kCancelCheck);

@@ -15,18 +15,18 @@ namespace tavix::controller {
 
 class TAVIX_EXPORT AuthToken {
 public:
-    AuthToken(std::string const& token, std::string const& tokenType, std::string const& scope,
-              std::time_t issued, long duration);
+    AuthToken(std::string const& token, std::string const& tokenType, std::string const& scope, std::time_t issued,
+              long duration);
 
     // Overwrites every field at once.
-    void Set(std::string const& token, std::string const& tokenType, std::string const& scope,
-             std::time_t issued, long duration);
+    void Set(std::string const& token, std::string const& tokenType, std::string const& scope, std::time_t issued,
+             long duration);
 
     std::string GetToken() const;
     std::string GetTokenType() const;
     std::string GetScope() const;
     std::time_t GetIssued() const;
-    long GetDuration() const;  // seconds
+    long GetDuration() const; // seconds
 
 private:
     mutable std::mutex m_mutex;

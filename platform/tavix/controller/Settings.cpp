@@ -96,10 +96,11 @@ bool apply(Settings& s, std::string const& key, std::string const& value, boost:
            std::string& why)
 {
     std::map<std::string, std::string*> const strings = {
-        {"locator_url", &s.locatorUrl},   {"auth_url", &s.authUrl}, {"client_cert_file", &s.clientCertFile},
-        {"ca_file", &s.caFile},           {"common_name", &s.commonName},
+        {"locator_url", &s.locatorUrl}, {"auth_url", &s.authUrl},       {"client_cert_file", &s.clientCertFile},
+        {"ca_file", &s.caFile},         {"common_name", &s.commonName},
     };
-    std::map<std::string, bool*> const flags = {{"disable_tls", &s.disableTls}, {"connection_reuse", &s.connectionReuse}};
+    std::map<std::string, bool*> const flags = {{"disable_tls", &s.disableTls},
+                                                {"connection_reuse", &s.connectionReuse}};
     auto fail = [&](SettingsError e, std::string text) {
         ec = e;
         why = std::move(text);
@@ -134,7 +135,7 @@ bool apply(Settings& s, std::string const& key, std::string const& value, boost:
 // Never destroyed: a worker may still read the settings while the process exits.
 struct State {
     std::mutex mutex;
-    std::string file;  // useFile's; empty: the environment's
+    std::string file; // useFile's; empty: the environment's
     std::vector<std::pair<std::string, std::string>> set;
     detail::FileIdentity identity;
     LoadResult result;
@@ -162,10 +163,7 @@ boost::system::error_category const& settings_category()
     return category;
 }
 
-boost::system::error_code make_error_code(SettingsError e)
-{
-    return {static_cast<int>(e), settings_category()};
-}
+boost::system::error_code make_error_code(SettingsError e) { return {static_cast<int>(e), settings_category()}; }
 
 std::string Settings::path()
 {
@@ -191,7 +189,7 @@ Settings Settings::load(boost::system::error_code& ec, std::string* detail)
     }
     Settings settings = s.result.settings;
     std::string ignored;
-    for (auto const& [key, value] : s.set) apply(settings, key, value, ec, ignored);  // checked by `set`
+    for (auto const& [key, value] : s.set) apply(settings, key, value, ec, ignored); // checked by `set`
     return settings;
 }
 

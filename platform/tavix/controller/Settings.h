@@ -31,8 +31,8 @@ struct TAVIX_EXPORT Settings {
     bool connectionReuse = true; // connection_reuse: keep HTTP connections alive between requests
     // The HTTP proxy of REST and transfer: with either line present the settings decide alone
     // and the environment's proxy variables are ignored (see net::http::chooseProxy).
-    std::optional<std::string> proxy;    // proxy: http://[user:password@]host[:port]; empty: direct
-    std::optional<std::string> noProxy;  // no_proxy: hosts, .domains and addresses reached directly
+    std::optional<std::string> proxy;   // proxy: http://[user:password@]host[:port]; empty: direct
+    std::optional<std::string> noProxy; // no_proxy: hosts, .domains and addresses reached directly
 
     // The file: the one `useFile` named, else TAVIX_CONTROLLER_CONFIG's, else the default.
     static std::string path();
@@ -43,8 +43,7 @@ struct TAVIX_EXPORT Settings {
     static Settings load(boost::system::error_code& ec, std::string* detail = nullptr);
     // `load` for callers that treat unreadable settings as nothing set.
     static Settings current();
-    static Settings parse(std::string const& text, boost::system::error_code& ec,
-                          std::string* detail = nullptr);
+    static Settings parse(std::string const& text, boost::system::error_code& ec, std::string* detail = nullptr);
 
     // The in-process source, for programs and tests that set values without writing a file.
     // `set` takes a key and value as the file would (a second `set` of a key replaces the

@@ -10,8 +10,8 @@ namespace tavix::controller {
 // Both read the controller settings afresh at each call; unreadable settings read as unset.
 class TAVIX_EXPORT SoapHelper {
 public:
-    static std::string GetClientCertFile();  // client_cert_file: certificate and key, PEM
-    static bool GetDisableTLS();             // disable_tls: the older protocol is configured
+    static std::string GetClientCertFile(); // client_cert_file: certificate and key, PEM
+    static bool GetDisableTLS();            // disable_tls: the older protocol is configured
 };
 
 } // namespace tavix::controller

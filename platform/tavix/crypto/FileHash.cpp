@@ -64,9 +64,8 @@ std::string digest(int fd, EVP_MD const* md, error_code& error, boost::function<
 std::string base64(std::string const& bytes)
 {
     std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-    int const length =
-        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), reinterpret_cast<unsigned char const*>(bytes.data()),
-                        int(bytes.size()));
+    int const length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                                       reinterpret_cast<unsigned char const*>(bytes.data()), int(bytes.size()));
     text.resize(std::size_t(length));
     return text;
 }

@@ -15,7 +15,7 @@ struct FileIdentity {
     ino_t inode = 0;
     off_t size = 0;
     timespec modified{};
-    bool regular = false;  // only a regular file's identity is worth remembering
+    bool regular = false; // only a regular file's identity is worth remembering
 
     static FileIdentity of(std::string const& path)
     {

@@ -21,15 +21,12 @@ void AccountResponse::handleResponse(Json::Value const& document)
 AccountClient::AccountClient(boost::asio::io_context& io, Engine::Callback callback, std::string const& host,
                              unsigned int port, std::string const& token, bool tls, std::string const& path)
     : m_engine(io, std::move(callback)), m_host(host), m_port(port), m_token(token), m_tls(tls), m_path(path)
-{
-}
+{}
 
 boost::system::error_code AccountClient::getCurrent()
 {
-    net::http::HttpRequest& request = m_engine.request();
-    auto const bearer = [&](net::http::Url const&) { request.setField("Authorization", "Bearer " + m_token); };
     std::string const text = detail::serviceUrl(m_tls, m_host, m_port, m_path, "/accounts/current");
-    if (auto ec = detail::prepareJsonRequest(request, text, bearer)) return ec;
+    if (auto ec = detail::prepareJsonRequest(m_engine, text, "Bearer " + m_token)) return ec;
     return m_engine.asyncRequest(boost::beast::http::verb::get);
 }
 

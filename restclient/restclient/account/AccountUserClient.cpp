@@ -11,9 +11,7 @@ namespace {
 template <typename Engine>
 boost::system::error_code getWithBearer(Engine& engine, std::string const& text, std::string const& token)
 {
-    net::http::HttpRequest& request = engine.request();
-    auto const bearer = [&](net::http::Url const&) { request.setField("Authorization", "Bearer " + token); };
-    if (auto ec = detail::prepareJsonRequest(request, text, bearer)) return ec;
+    if (auto ec = detail::prepareJsonRequest(engine, text, "Bearer " + token)) return ec;
     return engine.asyncRequest(boost::beast::http::verb::get);
 }
 
@@ -47,16 +45,14 @@ void AccountUserListResponse::handleResponse(Json::Value const& document)
 AccountUserListClient::AccountUserListClient(boost::asio::io_context& io, Engine::Callback callback,
                                              std::string const& url, std::string const& token)
     : m_engine(io, std::move(callback)), m_url(url), m_token(token)
-{
-}
+{}
 
 boost::system::error_code AccountUserListClient::getUserList() { return getWithBearer(m_engine, m_url, m_token); }
 
 AccountUserClient::AccountUserClient(boost::asio::io_context& io, Engine::Callback callback, std::string const& url,
                                      std::string const& token)
     : m_engine(io, std::move(callback)), m_url(url), m_token(token)
-{
-}
+{}
 
 boost::system::error_code AccountUserClient::getUser() { return getWithBearer(m_engine, m_url, m_token); }
 

@@ -13,6 +13,6 @@ namespace tavix::restclient::account {
 // cut to end with "accounts" and `accountPart` gets what follows; otherwise `accountPart` is
 // left as it was.
 RESTCLIENT_EXPORT bool split_URL(std::string const& url, std::string& host, unsigned int& port, bool& tls,
-                            std::string& path, std::string& accountPart);
+                                 std::string& path, std::string& accountPart);
 
 } // namespace tavix::restclient::account

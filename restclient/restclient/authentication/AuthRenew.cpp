@@ -67,7 +67,7 @@ void renew(std::string const& key)
         WORKER_LOG_INFO("[AuthRenew] Acquired new auth token for app key " << key << ".");
     } else {
         WORKER_LOG_ERROR("[AuthRenew] Unable to acquire auth token for app key " << key << ". Error code: " << code
-                                                                                << " " << message);
+                                                                                 << " " << message);
     }
 }
 

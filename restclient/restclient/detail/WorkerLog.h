@@ -27,9 +27,9 @@ inline bool debugEnabled()
 
 } // namespace tavix::restclient::detail
 
-#define WORKER_LOG(level, text)                                                                                \
-    do {                                                                                                       \
-        if (::tavix::Logger::Guard guard{}) LOG4CPLUS_##level(::tavix::restclient::detail::workerLogger(), text); \
+#define WORKER_LOG(level, text)                                                                                        \
+    do {                                                                                                               \
+        if (::tavix::Logger::Guard guard{}) LOG4CPLUS_##level(::tavix::restclient::detail::workerLogger(), text);      \
     } while (0)
 #define WORKER_LOG_DEBUG(text) WORKER_LOG(DEBUG, text)
 #define WORKER_LOG_INFO(text) WORKER_LOG(INFO, text)

@@ -20,8 +20,7 @@ RegistrationResponse::RegistrationResponse()
     : activeCallCount("activeCallCount", 0), contact("contact", ""), contactStatus("contactStatus", false),
       createdTime("createdTime", ""), expiryTime("expiryTime", ""), ip("ip", ""), lastUpdateTime("lastUpdateTime", ""),
       linkKey("linkKey", ""), port("port", 0), validSeconds("validSeconds", 0)
-{
-}
+{}
 
 void RegistrationResponse::handleResponse(Json::Value const& document)
 {
@@ -40,8 +39,7 @@ void RegistrationResponse::handleResponse(Json::Value const& document)
 RegistrationClient::RegistrationClient(boost::asio::io_context& io, Engine::Callback callback, std::string const& host,
                                        unsigned int port, std::string const& token, bool tls, std::string const& path)
     : m_engine(io, std::move(callback)), m_host(host), m_port(port), m_token(token), m_tls(tls), m_path(path)
-{
-}
+{}
 
 boost::system::error_code RegistrationClient::updateRegistration(RegistrationRequest const& request)
 {
@@ -55,14 +53,12 @@ boost::system::error_code RegistrationClient::deleteRegistration()
 
 boost::system::error_code RegistrationClient::send(boost::beast::http::verb verb, RegistrationRequest const* body)
 {
-    auto const authorize = [&](net::http::Url const& url) {
-        std::string const method(boost::beast::http::to_string(verb));
-        std::string const authorization = authorizationFor(m_token, m_authCallback, method, url.toString(),
-                                                           body ? body->getPayload() : std::string());
-        if (!authorization.empty()) m_engine.authorization(authorization);
+    auto const authorization = [&](net::http::Url const& url) {
+        return authorizationFor(m_token, m_authCallback, std::string(boost::beast::http::to_string(verb)),
+                                url.toString(), body ? body->getPayload() : std::string());
     };
     std::string const text = detail::serviceUrl(m_tls, m_host, m_port, m_path, "/registrations/current");
-    if (auto ec = detail::prepareJsonRequest(m_engine.request(), text, authorize)) return ec;
+    if (auto ec = detail::prepareJsonRequest(m_engine, text, authorization)) return ec;
     if (body) m_engine.request().payload(body->getPayload());
     return m_engine.asyncRequest(verb);
 }

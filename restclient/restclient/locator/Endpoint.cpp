@@ -4,8 +4,7 @@ namespace tavix::restclient::locator {
 
 Endpoint::Endpoint()
     : serviceName("serviceName", ""), endPointURLType("endPointURLType", ""), endPointURL("endPointURL", "")
-{
-}
+{}
 
 void Endpoint::serialize(JsonWriter& writer) const
 {

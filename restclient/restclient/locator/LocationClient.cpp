@@ -26,19 +26,15 @@ void LocationsResponse::handleResponse(Json::Value const& document)
 LocationClient::LocationClient(boost::asio::io_context& io, Engine::Callback callback, std::string const& host,
                                unsigned int port, std::string const& token, bool tls, std::string const& path)
     : m_engine(io, std::move(callback)), m_host(host), m_port(port), m_token(token), m_tls(tls), m_path(path)
-{
-}
+{}
 
 boost::system::error_code LocationClient::getLocation(std::string const& serviceName)
 {
-    net::http::HttpRequest& request = m_engine.request();
-    auto const ownFields = [&](net::http::Url const& url) {
-        std::string const authorization = authorizationFor(m_token, m_authCallback, "GET", url.toString(), "");
-        if (!authorization.empty()) m_engine.authorization(authorization);
-        if (!m_userAgent.empty()) request.setField("User-Agent", m_userAgent);
+    auto const authorization = [this](net::http::Url const& url) {
+        return authorizationFor(m_token, m_authCallback, "GET", url.toString(), "");
     };
     std::string const text = detail::serviceUrl(m_tls, m_host, m_port, m_path, "/locations/" + serviceName);
-    if (auto ec = detail::prepareJsonRequest(request, text, ownFields)) return ec;
+    if (auto ec = detail::prepareJsonRequest(m_engine, text, authorization, m_userAgent)) return ec;
     // Deliberately dropped: once the URL is made, the lookup reports success.
     m_engine.asyncRequest(boost::beast::http::verb::get);
     return {};
@@ -47,18 +43,12 @@ boost::system::error_code LocationClient::getLocation(std::string const& service
 LocationsClient::LocationsClient(boost::asio::io_context& io, Engine::Callback callback, std::string const& host,
                                  unsigned int port, std::string const& token, bool tls, std::string const& path)
     : m_engine(io, std::move(callback)), m_host(host), m_port(port), m_token(token), m_tls(tls), m_path(path)
-{
-}
+{}
 
 boost::system::error_code LocationsClient::getLocations()
 {
-    net::http::HttpRequest& request = m_engine.request();
-    auto const ownFields = [&](net::http::Url const&) {
-        request.setField("Authorization", "Bearer " + m_token);
-        if (!m_userAgent.empty()) request.setField("User-Agent", m_userAgent);
-    };
     std::string const text = detail::serviceUrl(m_tls, m_host, m_port, m_path, "/locations");
-    if (auto ec = detail::prepareJsonRequest(request, text, ownFields)) return ec;
+    if (auto ec = detail::prepareJsonRequest(m_engine, text, "Bearer " + m_token, m_userAgent)) return ec;
     // Deliberately dropped, as in LocationClient.
     m_engine.asyncRequest(boost::beast::http::verb::get);
     return {};

@@ -3,10 +3,11 @@
 #include <restclient/detail/ServiceAddress.h>
 #include <restclient/detail/WorkerLog.h>
 #include <restclient/detail/WorkerThread.h>
+#include <restclient/storage/detail/RestStep.h>
 
 #include <tavix/controller/AuthenticationServiceClient.h>
-#include <tavix/controller/OAuthHelper.h>
 #include <tavix/controller/LocatorServiceClient.h>
+#include <tavix/controller/OAuthHelper.h>
 
 #include <boost/bind/bind.hpp>
 #include <boost/filesystem/operations.hpp>
@@ -34,8 +35,7 @@ constexpr auto kCancelCheck = boost::chrono::milliseconds(100);
 FileUploader::FileUploader(boost::filesystem::path const& file, std::string const& name, std::string const& type,
                            std::map<std::string, std::string> const& metadata, std::string const& appKey)
     : FileUploader(file, name, type, metadata, appKey, Finished())
-{
-}
+{}
 
 FileUploader::FileUploader(boost::filesystem::path const& file, std::string const& name, std::string const& type,
                            std::map<std::string, std::string> const& metadata, std::string const& appKey,
@@ -128,8 +128,8 @@ void FileUploader::WorkerThread()
     // Nothing may leave the worker: an unexpected exception ends the chain as a failure.
     try {
         auto const go = [this] { return !cancelled(); };
-        bool const uploaded = GetAuthToken() && go() && LocateAccountService() && go() && GetStorageServiceURL()
-            && go() && GetUploadURL() && go() && UploadFile();
+        bool const uploaded = GetAuthToken() && go() && LocateAccountService() && go() && GetStorageServiceURL() && go()
+            && GetUploadURL() && go() && UploadFile();
         if (uploaded) {
             WORKER_LOG_DEBUG("[FileUploader] File " << m_path << " successfully uploaded.");
         } else if (cancelled()) {
@@ -157,8 +157,7 @@ void FileUploader::notifyFinished()
     if (!m_onFinished) return;
     try {
         m_onFinished(*this);
-    } catch (...) {
-    }
+    } catch (...) {}
 }
 
 void FileUploader::setError(int code, std::string const& message)
@@ -183,15 +182,22 @@ AsyncOperation::Result FileUploader::waitForReply()
     return AsyncOperation::Failed;
 }
 
-FileUploader::StepResult FileUploader::awaitStep(int retryFailedCode, int failedCode, char const* failedMessage)
+FileUploader::StepResult FileUploader::settleStep(RestStep const& spec, boost::system::error_code const& started)
 {
+    if (started) {
+        WORKER_LOG_ERROR("[FileUploader] Unable to " << spec.unableTo << ". Error code: " << started.value()
+                                                     << " Error message: " << started.message());
+        m_operation.Done(AsyncOperation::Failed);
+        setError(started.value(), started.message());
+        return spec.retryUnstarted ? StepResult::again : StepResult::failed;
+    }
     switch (waitForReply()) {
     case AsyncOperation::Success: return StepResult::done;
     case AsyncOperation::Retry:
         if (GetAuthToken()) return StepResult::again;
-        setError(retryFailedCode, "Unable to get auth token on retry.");
+        setError(spec.noTokenCode, "Unable to get auth token on retry.");
         return StepResult::failed;
-    default: setStepFailure(failedCode, failedMessage); return StepResult::failed;
+    default: setStepFailure(spec.failedCode, spec.failedMessage); return StepResult::failed;
     }
 }
 
@@ -228,11 +234,11 @@ bool FileUploader::GetAuthToken()
     s_tAccountURLExpire = 0;
     step = 1;
     std::string message;
-    int const code =
-        controller::AuthenticationServiceClient::AuthenticateController(m_appKey, message, [this] { return cancelled(); });
+    int const code = controller::AuthenticationServiceClient::AuthenticateController(m_appKey, message,
+                                                                                     [this] { return cancelled(); });
     if (code != 0) {
-        WORKER_LOG_ERROR("[FileUploader] Unable to acquire auth token for app key " << m_appKey << ". Error code: "
-                                                                                   << code << " " << message);
+        WORKER_LOG_ERROR("[FileUploader] Unable to acquire auth token for app key "
+                         << m_appKey << ". Error code: " << code << " " << message);
         boost::mutex::scoped_lock result(m_mutex);
         errorCode = code;
         errorMessage = message;
@@ -246,7 +252,7 @@ bool FileUploader::GetAuthToken()
     long const duration = token ? token->GetDuration() : 0;
     if (detail::debugEnabled()) {
         WORKER_LOG_DEBUG("[FileUploader] Controller authenticated. Auth token: " << detail::maskToken(m_authToken)
-                                                                                << " Duration: " << duration);
+                                                                                 << " Duration: " << duration);
     } else {
         WORKER_LOG_INFO("[FileUploader] Controller authenticated.");
     }
@@ -291,27 +297,15 @@ bool FileUploader::LocateAccountService()
         return false;
     }
 
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        step = 2;
+    // A request that cannot start is tried again here, unlike in the other steps.
+    static RestStep const locate{2,   11, 12, "Unable to locate Account service", "locate Account service endpoint",
+                                 true};
+    return runRestStep(locate, [&](auto settle) {
         locator::LocationClient client(m_io, boost::bind(&FileUploader::handleLocationResponse, this, _1, _2, _3, _4),
                                        locator.host, locator.port, m_authToken, locator.tls, locator.path);
         WORKER_LOG_DEBUG("[FileUploader] Getting endpoint URL to Account service from Locator service at " << url);
-        m_operation.Start();
-        boost::system::error_code const ec = client.getLocation("ACCOUNT");
-        if (ec) {
-            WORKER_LOG_ERROR("[FileUploader] Unable to locate Account service endpoint. Error code: "
-                             << ec.value() << " Error message: " << ec.message());
-            m_operation.Done(AsyncOperation::Failed);
-            setError(ec.value(), ec.message());
-            continue;
-        }
-        switch (awaitStep(11, 12, "Unable to locate Account service")) {
-        case StepResult::done: return true;
-        case StepResult::again: continue;
-        case StepResult::failed: return false;
-        }
-    }
-    return false;
+        return settle(client.getLocation("ACCOUNT"));
+    });
 }
 
 void FileUploader::handleLocationResponse(locator::LocationResponse response, veltrun::TavixErrorResponse error,
@@ -319,15 +313,15 @@ void FileUploader::handleLocationResponse(locator::LocationResponse response, ve
 {
     AuthLock lock;
     if (!lockAuth(lock)) return m_operation.Done(AsyncOperation::Failed);
-    if (!ec && status == 200) {
+    auto const succeeded = [&] {
         locator::Endpoint const& endpoint = response.endpoint;
         if (endpoint.endPointURLType.value == "PROXY") {
             WORKER_LOG_ERROR("[FileUploader] Endpoint type PROXY from Locator service not supported.");
-            return m_operation.Done(AsyncOperation::Failed);
+            return false;
         }
         WORKER_LOG_DEBUG("[FileUploader] " << endpoint.serviceName.value
                                            << " service endpoint: " << endpoint.endPointURL.value);
-        if (endpoint.serviceName.value != "ACCOUNT") return m_operation.Done(AsyncOperation::Failed);
+        if (endpoint.serviceName.value != "ACCOUNT") return false;
 
         s_strAccountURL = endpoint.endPointURL.value + "/v1/rest";
         WORKER_LOG_INFO("[FileUploader] URL of Account service (REST): " << s_strAccountURL);
@@ -336,17 +330,20 @@ void FileUploader::handleLocationResponse(locator::LocationResponse response, ve
             s_tAccountURLExpire = static_cast<std::int32_t>(token->GetIssued() + token->GetDuration());
             WORKER_LOG_DEBUG("[FileUploader] Account URL expire time: " << s_tAccountURLExpire);
         }
-        return m_operation.Done(AsyncOperation::Success);
-    }
-    if (retryAfterUnauthorized(error, "locate service endpoint")) return;
-    if (ec) {
-        WORKER_LOG_ERROR("[FileUploader] Unable to locate endpoint for Account service. " << describeFailure(ec, error));
-    } else {
-        WORKER_LOG_WARN("[FileUploader] Received error code " << status
-                                                              << " while trying to locate endpoint for Account service.");
-    }
-    s_tAccountURLExpire = static_cast<std::int32_t>(std::time(nullptr) + 300);
-    m_operation.Done(AsyncOperation::Failed);
+        return true;
+    };
+    auto const failed = [&] {
+        if (ec) {
+            WORKER_LOG_ERROR("[FileUploader] Unable to locate endpoint for Account service. "
+                             << describeFailure(ec, error));
+        } else {
+            WORKER_LOG_WARN("[FileUploader] Received error code "
+                            << status << " while trying to locate endpoint for Account service.");
+        }
+        // The lookup is not tried again for five minutes.
+        s_tAccountURLExpire = static_cast<std::int32_t>(std::time(nullptr) + 300);
+    };
+    answerRestStep(ec, status, error, "locate service endpoint", succeeded, failed);
 }
 
 bool FileUploader::GetStorageServiceURL()
@@ -362,40 +359,27 @@ bool FileUploader::GetStorageServiceURL()
         }
     }
 
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        step = 3;
+    static RestStep const currentAccount{3, 21, 22, "Unable to get URL to Storage service", "get account ID", false};
+    return runRestStep(currentAccount, [&](auto settle) {
         account::AccountClient client(m_io, boost::bind(&FileUploader::handleAccountResponse, this, _1, _2, _3, _4),
                                       account.host, account.port, m_authToken, account.tls, account.path);
-        m_operation.Start();
-        boost::system::error_code const ec = client.getCurrent();
-        if (ec) {
-            // Deliberately not retried, unlike the locate step.
-            WORKER_LOG_ERROR("[FileUploader] Unable to get account ID. Error code: " << ec.value()
-                                                                                     << " Error message: " << ec.message());
-            m_operation.Done(AsyncOperation::Failed);
-            setError(ec.value(), ec.message());
-            return false;
-        }
-        switch (awaitStep(21, 22, "Unable to get URL to Storage service")) {
-        case StepResult::done: return true;
-        case StepResult::again: continue;
-        case StepResult::failed: return false;
-        }
-    }
-    return false;
+        return settle(client.getCurrent());
+    });
 }
 
 void FileUploader::handleAccountResponse(account::AccountResponse response, veltrun::TavixErrorResponse error,
                                          unsigned int status, boost::system::error_code const& ec)
 {
-    if (!ec && status == 200) {
+    auto const succeeded = [&] {
         m_storageURL = response.storageURL;
         WORKER_LOG_DEBUG("[FileUploader] URL to Storage service: " << m_storageURL);
-        return m_operation.Done(AsyncOperation::Success);
-    }
-    if (retryAfterUnauthorized(error, "get current account from Account service")) return;
-    WORKER_LOG_ERROR("[FileUploader] Unable to get current account from Account service. " << describeFailure(ec, error));
-    m_operation.Done(AsyncOperation::Failed);
+        return true;
+    };
+    auto const failed = [&] {
+        WORKER_LOG_ERROR("[FileUploader] Unable to get current account from Account service. "
+                         << describeFailure(ec, error));
+    };
+    answerRestStep(ec, status, error, "get current account from Account service", succeeded, failed);
 }
 
 } // namespace tavix::restclient::storage

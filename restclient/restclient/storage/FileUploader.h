@@ -55,8 +55,7 @@ public:
     FileUploader(boost::filesystem::path const& file, std::string const& name, std::string const& type,
                  std::map<std::string, std::string> const& metadata, std::string const& appKey);
     FileUploader(boost::filesystem::path const& file, std::string const& name, std::string const& type,
-                 std::map<std::string, std::string> const& metadata, std::string const& appKey,
-                 Finished onFinished);
+                 std::map<std::string, std::string> const& metadata, std::string const& appKey, Finished onFinished);
     FileUploader(FileUploader const&) = delete;
     FileUploader& operator=(FileUploader const&) = delete;
     // Joins the worker, logging every 5 seconds while it still runs; it does not cancel (call
@@ -113,10 +112,34 @@ private:
     // The step's failure; its message says so when the answer was malformed.
     void setStepFailure(int code, std::string const& message);
     AsyncOperation::Result waitForReply();
-    // Waits for a REST step's handler: done, again after a new token, or failed with the error
-    // set (`retryFailedCode` when no new token came, `failedCode` otherwise).
+
+    // The REST steps (2 to 4) share one skeleton, and their handlers one shape; what differs is
+    // data (storage/detail/RestStep.h has the two helpers).
+    struct RestStep {
+        int number;
+        int noTokenCode; // a 401, and no new token came
+        int failedCode;  // the handler reported failure
+        char const* failedMessage;
+        char const* unableTo; // "Unable to <this>." logged when the request cannot start
+        bool retryUnstarted;  // try once more when the request cannot start
+    };
+    // Runs `step` at most twice (again after a 401 and a new token). `start(settle)` builds the
+    // step's client, starts its request and, while the client is alive, returns
+    // `settle(error of the start)`, which waits for the answer; or returns StepResult::failed when
+    // it could not build the request (the error set).
     enum class StepResult { done, again, failed };
-    StepResult awaitStep(int retryFailedCode, int failedCode, char const* failedMessage);
+    template <typename Start>
+    bool runRestStep(RestStep const& step, Start start);
+    // A step's answer: 200 goes to `succeeded`, whose verdict ends the step; a first 401 marks
+    // the token expired and asks for the step again; anything else goes to `failed` and ends it.
+    template <typename Succeeded, typename Failed>
+    void answerRestStep(boost::system::error_code const& ec, unsigned int status,
+                        veltrun::TavixErrorResponse const& error, char const* action, Succeeded succeeded,
+                        Failed failed);
+    // A started step's end: a request that could not start is logged and its error set;
+    // otherwise waits for the handler: done, again after a new token, or failed with the error
+    // set (`noTokenCode` when no new token came, `failedCode` otherwise).
+    StepResult settleStep(RestStep const& step, boost::system::error_code const& started);
     // A handler's 401 path: marks the token expired and asks for a retry, once per upload.
     bool retryAfterUnauthorized(veltrun::TavixErrorResponse const& error, char const* action);
 
@@ -141,8 +164,8 @@ private:
     boost::shared_ptr<boost::thread> m_thread;
 
 public:
-    std::atomic<std::int32_t> step{0};       // 0 not begun, 1..5 the step running, 6 finished
-    std::atomic<std::int32_t> errorCode{0};  // 0: none
+    std::atomic<std::int32_t> step{0};      // 0 not begun, 1..5 the step running, 6 finished
+    std::atomic<std::int32_t> errorCode{0}; // 0: none
     std::string errorMessage;
     // Progress of the transfer, safe to read from any thread while it runs.
     std::atomic<std::int64_t> bytesSent{0};
@@ -150,18 +173,18 @@ public:
 
 private:
     bool m_reauthenticated = false;
-    std::string m_malformedAnswer;  // what a document handler threw, until the step reports it
+    std::string m_malformedAnswer; // what a document handler threw, until the step reports it
     mutable boost::mutex m_mutex;  // guards the error code and message, the media location and the token on failure
 
     Finished m_onFinished;
     mutable boost::condition_variable m_finished;
 
     std::atomic<bool> m_cancelled{false};
-    boost::condition_variable m_wake;  // ends the pause between attempts on Cancel
+    boost::condition_variable m_wake; // ends the pause between attempts on Cancel
     std::chrono::seconds m_stallTimeout{60};
     // The file as the MD5 pass saw it; the transfer refuses a file that differs.
     struct Seen {
-        std::int64_t size = -1;  // -1: the MD5 pass could not read it
+        std::int64_t size = -1; // -1: the MD5 pass could not read it
         std::int64_t mtimeNs = 0;
     } m_hashed;
 

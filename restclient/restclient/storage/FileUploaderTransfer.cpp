@@ -6,6 +6,7 @@
 #include <restclient/detail/CurlProxy.h>
 #include <restclient/detail/ServiceAddress.h>
 #include <restclient/detail/WorkerLog.h>
+#include <restclient/storage/detail/RestStep.h>
 
 #include <tavix/controller/CommonName.h>
 #include <tavix/controller/SoapHelper.h>
@@ -51,7 +52,7 @@ struct ProgressRecord {
     CURL* curl = nullptr;
     FileUploader* uploader = nullptr;
     double stallSeconds = 60.0;
-    std::int64_t moved = 0;  // bytes both ways when they last moved
+    std::int64_t moved = 0; // bytes both ways when they last moved
     double lastMove = 0.0;
     bool stalled = false;
 
@@ -113,8 +114,7 @@ class ReadOnlyFile {
 public:
     explicit ReadOnlyFile(boost::filesystem::path const& path)
         : m_fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY))
-    {
-    }
+    {}
     ReadOnlyFile(ReadOnlyFile const&) = delete;
     ReadOnlyFile& operator=(ReadOnlyFile const&) = delete;
     ~ReadOnlyFile()
@@ -192,10 +192,11 @@ bool FileUploader::GetUploadURL()
         return false;
     }
 
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        step = 4;
+    static RestStep const store{4, 31, 32, "Failed to get upload URL.", "get upload URL", false};
+    // A new MD5 pass for every attempt: the file may have changed meanwhile.
+    bool const done = runRestStep(store, [&](auto settle) {
         std::string md5;
-        if (!hashFile(md5)) return false;
+        if (!hashFile(md5)) return StepResult::failed;
         StoreClient client(m_io, boost::bind(&FileUploader::handleGetStorageUploadURLResponse, this, _1, _2, _3, _4),
                            storage.host, storage.port, m_authToken, storage.accountPart, storage.tls, storage.path);
 
@@ -212,47 +213,31 @@ bool FileUploader::GetUploadURL()
         request.contentType.value = "binary/octet-stream";
         request.name.value = m_name;
         request.type.value = m_type;
-
-        m_operation.Start();
-        boost::system::error_code const ec = client.store(request);
-        if (ec) {
-            WORKER_LOG_ERROR("[FileUploader] Unable to get upload URL. Error code: " << ec.value() << " Error message: "
-                                                                                    << ec.message());
-            m_operation.Done(AsyncOperation::Failed);
-            setError(ec.value(), ec.message());
-            return false;
-        }
-        switch (awaitStep(31, 32, "Failed to get upload URL.")) {
-        case StepResult::done:
-            if (storage.tls && schemeOf(m_uploadURL) == "http") {
-                WORKER_LOG_WARN("[FileUploader] The upload URL is plain http although the Storage service was asked "
-                                "over https: the file will travel unencrypted to "
-                                << originOf(m_uploadURL));
-            }
-            return true;
-        case StepResult::again: continue;
-        case StepResult::failed: return false;
-        }
+        return settle(client.store(request));
+    });
+    if (done && storage.tls && schemeOf(m_uploadURL) == "http") {
+        WORKER_LOG_WARN("[FileUploader] The upload URL is plain http although the Storage service was asked "
+                        "over https: the file will travel unencrypted to "
+                        << originOf(m_uploadURL));
     }
-    return false;
+    return done;
 }
 
 void FileUploader::handleGetStorageUploadURLResponse(StoreResponse response, veltrun::TavixErrorResponse error,
                                                      unsigned int status, boost::system::error_code const& ec)
 {
-    if (!ec && status == 200) {
+    auto const succeeded = [&] {
         WORKER_LOG_DEBUG("[FileUploader] Upload URL: " << response.url.value << " href: " << response.href.value
-                                                      << " expires: " << response.expires.value);
+                                                       << " expires: " << response.expires.value);
         m_uploadURL = response.url.value;
-        {
-            boost::mutex::scoped_lock lock(m_mutex);
-            mediaLocation = m_storageURL + "/media";
-        }
-        return m_operation.Done(AsyncOperation::Success);
-    }
-    if (retryAfterUnauthorized(error, "get URL to upload file")) return;
-    WORKER_LOG_ERROR("[FileUploader] Unable to get upload URL. " << describeFailure(ec, error));
-    m_operation.Done(AsyncOperation::Failed);
+        boost::mutex::scoped_lock lock(m_mutex);
+        mediaLocation = m_storageURL + "/media";
+        return true;
+    };
+    auto const failed = [&] {
+        WORKER_LOG_ERROR("[FileUploader] Unable to get upload URL. " << describeFailure(ec, error));
+    };
+    answerRestStep(ec, status, error, "get URL to upload file", succeeded, failed);
 }
 
 bool FileUploader::hashFile(std::string& md5)
@@ -275,9 +260,9 @@ bool FileUploader::hashFile(std::string& md5)
     if (cancelled()) return false;
     if (hashError) {
         // Logged only: the upload goes on, deliberately.
-        WORKER_LOG_ERROR("[FileUploader] Unable to compute MD5 of file: " << m_path.string() << ". Error code: "
-                                                                         << hashError.value() << " Error message: "
-                                                                         << hashError.message());
+        WORKER_LOG_ERROR("[FileUploader] Unable to compute MD5 of file: " << m_path.string()
+                                                                          << ". Error code: " << hashError.value()
+                                                                          << " Error message: " << hashError.message());
     }
     return true;
 }
@@ -318,16 +303,16 @@ bool FileUploader::sendOnce(bool& retry)
     ReadOnlyFile const file(m_path);
     if (file.fd() < 0) {
         int const error = errno;
-        WORKER_LOG_ERROR("[FileUploader] Error uploading file " << m_path.string() << ": fopen() failed: "
-                                                               << std::strerror(error) << " (" << error << ")");
+        WORKER_LOG_ERROR("[FileUploader] Error uploading file "
+                         << m_path.string() << ": fopen() failed: " << std::strerror(error) << " (" << error << ")");
         if (error == 0) return setError(41, "Unknown error trying to open file."), false;
         return setError(error, std::strerror(error)), false;
     }
     struct stat info {};
     if (::fstat(file.fd(), &info) != 0) {
         int const error = errno;
-        WORKER_LOG_ERROR("[FileUploader] Error uploading file " << m_path.string() << ": fstat() failed: "
-                                                               << std::strerror(error) << " (" << error << ")");
+        WORKER_LOG_ERROR("[FileUploader] Error uploading file "
+                         << m_path.string() << ": fstat() failed: " << std::strerror(error) << " (" << error << ")");
         return setError(error == 0 ? 42 : error, std::strerror(error)), false;
     }
     if (!S_ISREG(info.st_mode)) {
@@ -337,8 +322,8 @@ bool FileUploader::sendOnce(bool& retry)
     // The store will reject an MD5 that is not the body's: a changed file cannot succeed.
     if (m_hashed.size >= 0 && (info.st_size != m_hashed.size || modifiedNs(info) != m_hashed.mtimeNs)) {
         WORKER_LOG_ERROR("[FileUploader] Error uploading file " << m_path.string() << ": it changed since its MD5 "
-                                                               << "was taken (" << m_hashed.size << " bytes then, "
-                                                               << info.st_size << " now).");
+                                                                << "was taken (" << m_hashed.size << " bytes then, "
+                                                                << info.st_size << " now).");
         return setError(46, "File changed since its MD5 was taken."), false;
     }
     Curl curl(curl_easy_init());
@@ -386,8 +371,8 @@ bool FileUploader::sendOnce(bool& retry)
 
     long const megabytes = static_cast<long>(size / 1000000) + 1;
     long timeout = 10 + 200 * megabytes;
-    WORKER_LOG_DEBUG("[FileUploader] Upload timeout is " << 10 << " + " << 200 << " * " << megabytes << " = "
-                                                         << timeout << " seconds.");
+    WORKER_LOG_DEBUG("[FileUploader] Upload timeout is " << 10 << " + " << 200 << " * " << megabytes << " = " << timeout
+                                                         << " seconds.");
     if (timeout > kMaxTimeoutSeconds) {
         WORKER_LOG_DEBUG("[FileUploader] Upload timeout is too long, setting it to 82800 seconds (23 hours)");
         timeout = kMaxTimeoutSeconds;

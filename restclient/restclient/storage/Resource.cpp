@@ -46,8 +46,7 @@ void Versions::deserialize(Json::Value const& json)
 Resource::Resource()
     : href("href", ""), contentLength("contentLength", 0), created("created", ""), mimeType("mimeType", ""),
       name("name", ""), type("type", ""), version("version", "")
-{
-}
+{}
 
 void Resource::serialize(JsonWriter& writer) const
 {

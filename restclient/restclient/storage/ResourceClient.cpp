@@ -16,8 +16,7 @@ ResourceClient::ResourceClient(boost::asio::io_context& io, Engine::Callback cal
                                std::string const& path)
     : m_engine(io, std::move(callback)), host(host), port(port), authorization("Bearer " + token),
       accountPart(accountPart), tls(tls), path(path)
-{
-}
+{}
 
 error_code ResourceClient::get(std::string const& project, std::string const& object)
 {
@@ -28,9 +27,7 @@ error_code ResourceClient::latest(std::string const& project) { return get(proje
 
 error_code ResourceClient::send(std::string const& text)
 {
-    net::http::HttpRequest& request = m_engine.request();
-    auto const bearer = [&](net::http::Url const&) { request.setField("Authorization", authorization); };
-    if (error_code ec = prepareJsonRequest(request, text, bearer)) return ec;
+    if (error_code ec = prepareJsonRequest(m_engine, text, authorization)) return ec;
     return m_engine.asyncRequest(verb::get);
 }
 
@@ -38,13 +35,11 @@ ResourceCurrentClient::ResourceCurrentClient(boost::asio::io_context& io, Engine
                                              std::string const& host, unsigned int port, std::string const& token,
                                              bool tls, std::string const& path)
     : m_engine(io, std::move(callback)), host(host), port(port), authorization("Bearer " + token), tls(tls), path(path)
-{
-}
+{}
 
 error_code ResourceCurrentClient::current()
 {
-    auto const bearer = [this](net::http::Url const&) { m_engine.authorization(authorization); };
-    if (error_code ec = prepareJsonRequest(m_engine.request(), serviceUrl(tls, host, port, path), bearer)) return ec;
+    if (error_code ec = prepareJsonRequest(m_engine, serviceUrl(tls, host, port, path), authorization)) return ec;
     return m_engine.asyncRequest(verb::get);
 }
 
@@ -53,8 +48,7 @@ ResourceSearchClient::ResourceSearchClient(boost::asio::io_context& io, Engine::
                                            std::string const& accountPart, bool tls, std::string const& path)
     : m_engine(io, std::move(callback)), host(host), port(port), authorization("Bearer " + token),
       accountPart(accountPart), tls(tls), path(path)
-{
-}
+{}
 
 error_code ResourceSearchClient::search() { return send(""); }
 
@@ -76,22 +70,18 @@ error_code ResourceSearchClient::list(std::string const& project) { return list(
 
 error_code ResourceSearchClient::send(std::string const& tail)
 {
-    auto const bearer = [this](net::http::Url const&) { m_engine.authorization(authorization); };
     std::string const text = serviceUrl(tls, host, port, path, "/" + accountPart + tail);
-    if (error_code ec = prepareJsonRequest(m_engine.request(), text, bearer)) return ec;
+    if (error_code ec = prepareJsonRequest(m_engine, text, authorization)) return ec;
     return m_engine.asyncRequest(verb::get);
 }
 
 ResourceDownloadClient::ResourceDownloadClient(boost::asio::io_context& io, Engine::Callback callback)
     : m_engine(io, std::move(callback))
-{
-}
+{}
 
 error_code ResourceDownloadClient::getDownloadURL(std::string const& url, std::string const& token)
 {
-    net::http::HttpRequest& request = m_engine.request();
-    auto const bearer = [&](net::http::Url const&) { request.setField("Authorization", "Bearer " + token); };
-    if (error_code ec = prepareJsonRequest(request, url, bearer)) return ec;
+    if (error_code ec = prepareJsonRequest(m_engine, url, "Bearer " + token)) return ec;
     return m_engine.asyncRequest(verb::get);
 }
 

@@ -43,7 +43,7 @@ private:
 public:
     std::string host;
     unsigned int port;
-    std::string authorization;  // "Bearer " + token
+    std::string authorization; // "Bearer " + token
     std::string accountPart;
     bool tls;
     std::string path;

@@ -12,8 +12,7 @@ using detail::prepareJsonRequest;
 
 StoreRequest::StoreRequest()
     : contentType("contentType", "binary/octet-stream"), name("name", ""), type("type", "project")
-{
-}
+{}
 
 std::string StoreRequest::getPayload() const
 {
@@ -44,35 +43,27 @@ StoreClient::StoreClient(boost::asio::io_context& io, Engine::Callback callback,
                          std::string const& path)
     : m_engine(io, std::move(callback)), host(host), port(port), authorization("Bearer " + token),
       accountPart(accountPart), tls(tls), path(path)
-{
-}
+{}
 
-std::string StoreClient::base() const
-{
-    return detail::serviceUrl(tls, host, port, path, "/" + accountPart);
-}
+std::string StoreClient::base() const { return detail::serviceUrl(tls, host, port, path, "/" + accountPart); }
 
 error_code StoreClient::store(StoreRequest const& request)
 {
-    auto const bearer = [this](net::http::Url const&) { m_engine.authorization(authorization); };
-    if (error_code ec = prepareJsonRequest(m_engine.request(), base() + "/files", bearer)) return ec;
+    if (error_code ec = prepareJsonRequest(m_engine, base() + "/files", authorization)) return ec;
     m_engine.request().payload(request.getPayload());
     return m_engine.asyncRequest(verb::post);
 }
 
 error_code StoreClient::get(std::string const& project, std::string const& object)
 {
-    auto const bearer = [this](net::http::Url const&) { m_engine.authorization(authorization); };
     std::string const text = fmt::format("{}/project/{}/{}/url", base(), project, object);
-    if (error_code ec = prepareJsonRequest(m_engine.request(), text, bearer)) return ec;
+    if (error_code ec = prepareJsonRequest(m_engine, text, authorization)) return ec;
     return m_engine.asyncRequest(verb::get);
 }
 
 error_code StoreClient::remove(std::string const& href)
 {
-    net::http::HttpRequest& request = m_engine.request();
-    auto const bearer = [&](net::http::Url const&) { request.setField("Authorization", authorization); };
-    if (error_code ec = prepareJsonRequest(request, href, bearer)) return ec;
+    if (error_code ec = prepareJsonRequest(m_engine, href, authorization)) return ec;
     return m_engine.asyncRequest(verb::delete_);
 }
 

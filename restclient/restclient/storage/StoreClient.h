@@ -29,9 +29,9 @@ public:
     std::string getPayload() const override;
 
     Metadata metadata;
-    Value<std::string> contentType;  // "binary/octet-stream" unless changed
+    Value<std::string> contentType; // "binary/octet-stream" unless changed
     Value<std::string> name;
-    Value<std::string> type;  // "project" unless changed
+    Value<std::string> type; // "project" unless changed
 };
 
 class RESTCLIENT_EXPORT StoreResponse : public IWebResponse {
@@ -40,9 +40,9 @@ public:
     // Reads "href", "expires" and "url" from an object answer.
     void handleResponse(Json::Value const& json) override;
 
-    Value<std::string> href;     // the object's own link, what `remove` takes
-    Value<std::string> expires;  // when `url` stops being valid, in the service's text
-    Value<std::string> url;      // the pre-signed address for the object's body
+    Value<std::string> href;    // the object's own link, what `remove` takes
+    Value<std::string> expires; // when `url` stops being valid, in the service's text
+    Value<std::string> url;     // the pre-signed address for the object's body
 };
 
 class RESTCLIENT_EXPORT StoreClient {
@@ -70,7 +70,7 @@ private:
 public:
     std::string host;
     unsigned int port;
-    std::string authorization;  // "Bearer " + token
+    std::string authorization; // "Bearer " + token
     std::string accountPart;
     bool tls;
     std::string path;

@@ -4,8 +4,7 @@ namespace tavix::restclient::veltrun {
 
 TavixErrorResponse::TavixErrorResponse()
     : code("code", 0), details("details", ""), message("message", ""), subCode("subCode", 0)
-{
-}
+{}
 
 void TavixErrorResponse::handleResponse(Json::Value const& document)
 {

@@ -15,11 +15,11 @@
 #include <unistd.h>
 
 #include <array>
-#include <optional>
-#include <tuple>
 #include <deque>
 #include <limits>
 #include <mutex>
+#include <optional>
+#include <tuple>
 #include <type_traits>
 
 namespace tavix::emulator::detail {
@@ -54,7 +54,8 @@ struct ServerState {
     }
     void trimCaptured()
     {
-        while (!requests.empty() && (requests.size() > captureLimits.requests || capturedBytes > captureLimits.bodyBytes)) {
+        while (!requests.empty()
+               && (requests.size() > captureLimits.requests || capturedBytes > captureLimits.bodyBytes)) {
             capturedBytes -= requests.front().body.size();
             requests.pop_front();
         }
@@ -83,7 +84,8 @@ struct SinkBody {
     class reader {
     public:
         template <bool isRequest, class Fields>
-        reader(http::header<isRequest, Fields>&, value_type& sink) : m_sink(sink) {}
+        reader(http::header<isRequest, Fields>&, value_type& sink) : m_sink(sink)
+        {}
         void init(boost::optional<std::uint64_t> const&, error_code& ec) { ec = {}; }
         template <class ConstBufferSequence>
         std::size_t put(ConstBufferSequence const& buffers, error_code& ec)
@@ -99,7 +101,7 @@ struct SinkBody {
         void finish(error_code& ec) { ec = {}; }
 
     private:
-        value_type& m_sink;  // the message's, which may be set after the parser is made
+        value_type& m_sink; // the message's, which may be set after the parser is made
     };
 };
 
@@ -310,16 +312,15 @@ private:
                 self->answer(std::move(request));
             });
             return;
-        case Fault::Kind::drop:
-            return socket().close();
-        case Fault::Kind::silence:
-            return holdSilently();
+        case Fault::Kind::drop: return socket().close();
+        case Fault::Kind::silence: return holdSilently();
         case Fault::Kind::raw:
             m_raw = std::move(fault->raw);
-            asio::async_write(m_stream, asio::buffer(m_raw), [self = this->shared_from_this()](error_code ec, std::size_t) {
-                if (ec) return self->socket().close();
-                self->closeGracefully();
-            });
+            asio::async_write(m_stream, asio::buffer(m_raw),
+                              [self = this->shared_from_this()](error_code ec, std::size_t) {
+                                  if (ec) return self->socket().close();
+                                  self->closeGracefully();
+                              });
             return;
         }
     }
@@ -329,8 +330,8 @@ private:
         CapturedRequest captured;
         captured.method = std::string(request.method_string());
         captured.target = std::string(request.target());
-        captured.requestLine = captured.method + " " + captured.target + " HTTP/" +
-                               std::to_string(request.version() / 10) + "." + std::to_string(request.version() % 10);
+        captured.requestLine = captured.method + " " + captured.target + " HTTP/"
+            + std::to_string(request.version() / 10) + "." + std::to_string(request.version() % 10);
         for (auto const& field : request) {
             captured.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
         }
@@ -377,12 +378,13 @@ private:
         }
         m_fileResponse->keep_alive(keepAlive);
         m_fileResponse->prepare_payload();
-        http::async_write(m_stream, *m_fileResponse, [self = this->shared_from_this(), keepAlive](error_code ec, std::size_t) {
-            self->m_fileResponse.reset();
-            if (ec) return self->socket().close();
-            if (keepAlive) return self->readNextHead();
-            self->closeGracefully();
-        });
+        http::async_write(m_stream, *m_fileResponse,
+                          [self = this->shared_from_this(), keepAlive](error_code ec, std::size_t) {
+                              self->m_fileResponse.reset();
+                              if (ec) return self->socket().close();
+                              if (keepAlive) return self->readNextHead();
+                              self->closeGracefully();
+                          });
     }
 
     Response respond(Request const& request)
@@ -400,7 +402,7 @@ private:
         if (!m_finish) return m_state.handler(request);
         auto finish = std::move(m_finish);
         m_finish = nullptr;
-        m_ownedFile.clear();  // now the finisher's
+        m_ownedFile.clear(); // now the finisher's
         if (!written) {
             ::unlink(body.path.c_str());
             Response failed(http::status::internal_server_error, request.version());
@@ -421,18 +423,19 @@ private:
     void send(Response response, bool keepAlive)
     {
         m_response = std::move(response);
-        http::async_write(m_stream, m_response, [self = this->shared_from_this(), keepAlive](error_code ec, std::size_t) {
-            if (ec) return self->socket().close();
-            if (keepAlive) return self->readNextHead();
-            self->closeGracefully();
-        });
+        http::async_write(m_stream, m_response,
+                          [self = this->shared_from_this(), keepAlive](error_code ec, std::size_t) {
+                              if (ec) return self->socket().close();
+                              if (keepAlive) return self->readNextHead();
+                              self->closeGracefully();
+                          });
     }
 
     // The peer closing, or bytes that are not HTTP (answered with 400).
     void failRead(error_code ec)
     {
-        if (ec.category() == make_error_code(http::error::end_of_stream).category() && ec != http::error::end_of_stream &&
-            ec != http::error::partial_message) {
+        if (ec.category() == make_error_code(http::error::end_of_stream).category() && ec != http::error::end_of_stream
+            && ec != http::error::partial_message) {
             return replyAndClose(http::status::bad_request);
         }
         socket().close();
@@ -482,8 +485,8 @@ private:
     std::optional<http::request_parser<SinkBody>> m_streamed;
     std::optional<BodySink> m_sink;
     std::function<Response(Request const&, StreamedBody const&)> m_finish;
-    std::string m_ownedFile;           // a streamed body nobody has taken yet
-    std::optional<Response> m_answer;  // decided on the head
+    std::string m_ownedFile;          // a streamed body nobody has taken yet
+    std::optional<Response> m_answer; // decided on the head
     std::optional<http::response<http::empty_body>> m_continue;
     Response m_response;
     std::optional<http::response<http::file_body>> m_fileResponse;

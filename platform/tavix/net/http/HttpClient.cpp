@@ -3,10 +3,10 @@
 #include <tavix/net/http/HttpClient.h>
 
 #include <tavix/controller/Settings.h>
+#include <tavix/net/http/ProxyChoice.h>
 #include <tavix/net/http/detail/Connection.h>
 #include <tavix/net/http/detail/ConnectionPool.h>
 #include <tavix/net/http/detail/Exchange.h>
-#include <tavix/net/http/ProxyChoice.h>
 #include <tavix/net/http/detail/TlsContextCache.h>
 
 #include <boost/asio/dispatch.hpp>
@@ -57,9 +57,9 @@ Route prepare(HttpRequest const& request, error_code& ec)
     if (ec) return route;
     // A new TLS context (changed settings) is a new route: its connections are never mixed up
     // with those made under the old one, which it cannot share an address with while they live.
-    route.name = url.scheme() + "://" + url.host() + ":" + std::to_string(url.port()) + "/" +
-                 std::to_string(reinterpret_cast<std::uintptr_t>(route.tls.get())) + "/" +
-                 (route.proxy ? route.proxy->route() : std::string());
+    route.name = url.scheme() + "://" + url.host() + ":" + std::to_string(url.port()) + "/"
+        + std::to_string(reinterpret_cast<std::uintptr_t>(route.tls.get())) + "/"
+        + (route.proxy ? route.proxy->route() : std::string());
     return route;
 }
 
@@ -74,8 +74,8 @@ struct HttpClient::State {
     Completion completion;
     ClientOptions options;
     std::mutex mutex;
-    std::shared_ptr<Connection> connection;  // of the last exchange
-    std::uint64_t lease = 0;                 // the connection's lease when that exchange took it
+    std::shared_ptr<Connection> connection; // of the last exchange
+    std::uint64_t lease = 0;                // the connection's lease when that exchange took it
 };
 
 HttpClient::HttpClient(asio::io_context& io, Completion completion)
@@ -143,9 +143,6 @@ ClientOptions HttpClient::defaultOptions()
     return s_defaults;
 }
 
-void HttpClient::setPoolLimits(PoolLimits const& limits)
-{
-    ConnectionPool::setLimits(limits);
-}
+void HttpClient::setPoolLimits(PoolLimits const& limits) { ConnectionPool::setLimits(limits); }
 
 } // namespace tavix::net::http

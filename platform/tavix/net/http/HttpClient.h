@@ -28,16 +28,16 @@
 namespace tavix::net::http {
 
 struct ClientOptions {
-    std::chrono::milliseconds connectTimeout{10000};   // resolve, connect and TLS handshake, together
-    std::chrono::milliseconds exchangeTimeout{60000};  // the whole exchange, connect included
-    std::size_t maxBodySize = 16 * 1024 * 1024;        // a larger response body is an error
+    std::chrono::milliseconds connectTimeout{10000};  // resolve, connect and TLS handshake, together
+    std::chrono::milliseconds exchangeTimeout{60000}; // the whole exchange, connect included
+    std::size_t maxBodySize = 16 * 1024 * 1024;       // a larger response body is an error
 };
 
 // The pool's bounds, for every io_context of the process.
 struct PoolLimits {
-    std::size_t perRoute = 4;                      // idle connections to one scheme, host and port
-    std::size_t total = 16;                        // idle connections in all
-    std::chrono::milliseconds idleTimeout{4000};   // below the common servers' keep-alive time-outs
+    std::size_t perRoute = 4;                    // idle connections to one scheme, host and port
+    std::size_t total = 16;                      // idle connections in all
+    std::chrono::milliseconds idleTimeout{4000}; // below the common servers' keep-alive time-outs
 };
 
 class TAVIX_EXPORT HttpClient {

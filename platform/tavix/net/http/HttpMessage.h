@@ -44,7 +44,8 @@ class TAVIX_EXPORT HttpResponse {
 public:
     HttpResponse() = default;
     HttpResponse(unsigned int status, boost::beast::http::fields fields, std::string payload)
-        : m_status(status), m_fields(std::move(fields)), m_payload(std::move(payload)) {}
+        : m_status(status), m_fields(std::move(fields)), m_payload(std::move(payload))
+    {}
 
     // 0 when no response head arrived.
     unsigned int status() const { return m_status; }

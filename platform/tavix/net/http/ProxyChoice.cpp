@@ -43,10 +43,7 @@ std::string part(CURLU* handle, CURLUPart which, unsigned int flags = 0)
     return text;
 }
 
-std::string bracketed(std::string const& host)
-{
-    return host.find(':') == std::string::npos ? host : "[" + host + "]";
-}
+std::string bracketed(std::string const& host) { return host.find(':') == std::string::npos ? host : "[" + host + "]"; }
 
 // The first of the variables that is set, empty ones included: an empty https_proxy says
 // "no proxy" and hides HTTPS_PROXY, as it does for libcurl.
@@ -108,10 +105,7 @@ boost::system::error_category const& proxy_category()
     return category;
 }
 
-error_code make_error_code(ProxyError e)
-{
-    return {int(e), proxy_category()};
-}
+error_code make_error_code(ProxyError e) { return {int(e), proxy_category()}; }
 
 std::optional<Proxy> Proxy::parse(std::string const& text, error_code& ec)
 {
@@ -133,10 +127,7 @@ std::optional<Proxy> Proxy::parse(std::string const& text, error_code& ec)
     return proxy;
 }
 
-std::string Proxy::address() const
-{
-    return "http://" + bracketed(host) + ":" + std::to_string(port);
-}
+std::string Proxy::address() const { return "http://" + bracketed(host) + ":" + std::to_string(port); }
 
 std::string Proxy::authorization() const
 {

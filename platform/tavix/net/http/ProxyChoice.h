@@ -23,9 +23,9 @@ TAVIX_EXPORT boost::system::error_category const& proxy_category();
 TAVIX_EXPORT boost::system::error_code make_error_code(ProxyError e);
 
 struct TAVIX_EXPORT Proxy {
-    std::string host;            // IPv6 without brackets
-    unsigned short port = 1080;  // libcurl's default when the address names none
-    std::string user;            // percent-decoded
+    std::string host;           // IPv6 without brackets
+    unsigned short port = 1080; // libcurl's default when the address names none
+    std::string user;           // percent-decoded
     std::string password;
 
     // "http://[user:password@]host[:port]", or "host[:port]" as the variables often say.

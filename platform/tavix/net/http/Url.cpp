@@ -11,10 +11,7 @@ namespace {
 class UrlCategory : public boost::system::error_category {
 public:
     char const* name() const noexcept override { return "tavix.url"; }
-    std::string message(int value) const override
-    {
-        return curl_url_strerror(static_cast<CURLUcode>(value));
-    }
+    std::string message(int value) const override { return curl_url_strerror(static_cast<CURLUcode>(value)); }
 };
 
 struct CurlUrlDeleter {

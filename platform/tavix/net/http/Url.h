@@ -25,10 +25,10 @@ public:
     // The text the URL was made from.
     std::string const& toString() const { return m_text; }
 
-    std::string const& scheme() const { return m_scheme; }  // lower case
-    std::string const& host() const { return m_host; }      // IPv6 without brackets
-    unsigned short port() const { return m_port; }          // the scheme's default when absent
-    std::string const& target() const { return m_target; }  // path and query, as written
+    std::string const& scheme() const { return m_scheme; } // lower case
+    std::string const& host() const { return m_host; }     // IPv6 without brackets
+    unsigned short port() const { return m_port; }         // the scheme's default when absent
+    std::string const& target() const { return m_target; } // path and query, as written
 
 private:
     bool m_valid = false;

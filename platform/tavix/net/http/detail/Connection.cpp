@@ -17,10 +17,8 @@ namespace asio = boost::asio;
 using boost::system::error_code;
 
 Connection::Connection(asio::io_context& io, std::shared_ptr<TlsClientContext> tls, std::string route)
-    : m_strand(io)
-    , m_tlsContext(std::move(tls))
-    , m_route(std::move(route))
-    , m_stream(m_tlsContext ? Stream(std::in_place_type<TlsStream>, io, m_tlsContext->context())
+    : m_strand(io), m_tlsContext(std::move(tls)), m_route(std::move(route)),
+      m_stream(m_tlsContext ? Stream(std::in_place_type<TlsStream>, io, m_tlsContext->context())
                             : Stream(std::in_place_type<Socket>, io))
 {}
 

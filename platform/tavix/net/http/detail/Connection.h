@@ -74,7 +74,7 @@ private:
     using Stream = std::variant<Socket, TlsStream>;
 
     Strand m_strand;
-    std::shared_ptr<TlsClientContext> m_tlsContext;  // outlives the TLS stream
+    std::shared_ptr<TlsClientContext> m_tlsContext; // outlives the TLS stream
     std::string m_route;
     Stream m_stream;
     std::atomic<std::uint64_t> m_lease{0};

@@ -99,10 +99,7 @@ void ConnectionPool::dropExpired(Clock::time_point now, std::chrono::millisecond
     }
 }
 
-void ConnectionPool::forget(std::size_t count)
-{
-    s_idleTotal -= count;
-}
+void ConnectionPool::forget(std::size_t count) { s_idleTotal -= count; }
 
 void ConnectionPool::setLimits(PoolLimits const& limits)
 {

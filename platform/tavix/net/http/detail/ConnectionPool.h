@@ -4,8 +4,8 @@
 // the idle time-out is therefore checked when the pool is used, not by a timer.
 #pragma once
 
-#include <tavix/net/http/detail/Connection.h>
 #include <tavix/net/http/HttpClient.h>
+#include <tavix/net/http/detail/Connection.h>
 
 #include <boost/asio/execution_context.hpp>
 
@@ -47,7 +47,7 @@ private:
     void forget(std::size_t count);
 
     std::mutex m_mutex;
-    std::map<std::string, std::deque<Idle>> m_idle;  // per route, oldest first
+    std::map<std::string, std::deque<Idle>> m_idle; // per route, oldest first
 };
 
 } // namespace tavix::net::http

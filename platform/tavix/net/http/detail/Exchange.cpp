@@ -14,9 +14,9 @@ namespace tavix::net::http {
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
-using boost::system::error_code;
 using asio::ip::tcp;
 using beast::http::field;
+using boost::system::error_code;
 
 namespace {
 
@@ -33,10 +33,13 @@ bool idempotent(beast::http::verb method)
 {
     using beast::http::verb;
     switch (method) {
-    case verb::get: case verb::head: case verb::put: case verb::delete_: case verb::options: case verb::trace:
-        return true;
-    default:
-        return false;
+    case verb::get:
+    case verb::head:
+    case verb::put:
+    case verb::delete_:
+    case verb::options:
+    case verb::trace: return true;
+    default: return false;
     }
 }
 
@@ -45,17 +48,10 @@ bool idempotent(beast::http::verb method)
 Exchange::Exchange(std::shared_ptr<Connection> connection, bool reused, ConnectionPool* pool,
                    HttpRequest const& request, ClientOptions const& options, std::optional<Proxy> proxy,
                    HttpClient::Completion completion)
-    : m_connection(std::move(connection))
-    , m_reused(reused)
-    , m_pool(pool)
-    , m_idempotent(idempotent(request.method()))
-    , m_host(request.url().host())
-    , m_port(request.url().port())
-    , m_peer(m_host + ":" + std::to_string(m_port))
-    , m_proxy(std::move(proxy))
-    , m_options(options)
-    , m_completion(std::move(completion))
-    , m_timer(m_connection->strand().context())
+    : m_connection(std::move(connection)), m_reused(reused), m_pool(pool), m_idempotent(idempotent(request.method())),
+      m_host(request.url().host()), m_port(request.url().port()), m_peer(m_host + ":" + std::to_string(m_port)),
+      m_proxy(std::move(proxy)), m_options(options), m_completion(std::move(completion)),
+      m_timer(m_connection->strand().context())
 {
     auto const& fields = request.fields();
     m_request.method(request.method());
@@ -65,8 +61,8 @@ Exchange::Exchange(std::shared_ptr<Connection> connection, bool reused, Connecti
     for (auto const& f : fields) m_request.insert(f.name_string(), f.value());
     if (!m_pool && fields.find(field::connection) == fields.end()) m_request.set(field::connection, "close");
     // The caller sets Content-Length for a body; an empty body gets none (not even "0").
-    if (!request.payload().empty() && fields.find(field::content_length) == fields.end() &&
-        fields.find(field::transfer_encoding) == fields.end()) {
+    if (!request.payload().empty() && fields.find(field::content_length) == fields.end()
+        && fields.find(field::transfer_encoding) == fields.end()) {
         m_request.set(field::content_length, std::to_string(request.payload().size()));
     }
     m_request.body() = request.payload();
@@ -109,24 +105,25 @@ void Exchange::connect()
     // No resolver for an IP literal: it would cost a hop through the resolver's thread.
     if (!notAnAddress) return connectTo(tcp::endpoint(address, port));
     m_resolver.emplace(m_connection->strand().context());
-    m_resolver->async_resolve(host, std::to_string(port),
-                              onStrand([self = shared_from_this()](error_code ec, tcp::resolver::results_type endpoints) {
-                                  self->onResolve(ec, std::move(endpoints));
-                              }));
+    m_resolver->async_resolve(
+        host, std::to_string(port),
+        onStrand([self = shared_from_this()](error_code ec, tcp::resolver::results_type endpoints) {
+            self->onResolve(ec, std::move(endpoints));
+        }));
 }
 
 void Exchange::connectTo(tcp::endpoint const& endpoint)
 {
-    m_connection->socket().async_connect(endpoint, onStrand([self = shared_from_this()](error_code ec) {
-        self->onConnect(ec);
-    }));
+    m_connection->socket().async_connect(endpoint,
+                                         onStrand([self = shared_from_this()](error_code ec) { self->onConnect(ec); }));
 }
 
 void Exchange::onResolve(error_code ec, tcp::resolver::results_type endpoints)
 {
     if (interrupted(ec)) return finish(ec);
-    asio::async_connect(m_connection->socket(), endpoints,
-                        onStrand([self = shared_from_this()](error_code ec, tcp::endpoint const&) { self->onConnect(ec); }));
+    asio::async_connect(
+        m_connection->socket(), endpoints,
+        onStrand([self = shared_from_this()](error_code ec, tcp::endpoint const&) { self->onConnect(ec); }));
 }
 
 void Exchange::onConnect(error_code ec)
@@ -134,8 +131,8 @@ void Exchange::onConnect(error_code ec)
     if (interrupted(ec)) return finish(ec);
     if (!m_proxy || !m_connection->tls()) return onTunnel({});
     // The connect time-out covers the proxy's answer too.
-    std::string const origin = (m_host.find(':') != std::string::npos ? "[" + m_host + "]" : m_host) + ":"
-        + std::to_string(m_port);
+    std::string const origin =
+        (m_host.find(':') != std::string::npos ? "[" + m_host + "]" : m_host) + ":" + std::to_string(m_port);
     openTunnel(m_connection, origin, m_proxy->authorization(),
                [self = shared_from_this()](error_code ec) { self->onTunnel(ec); });
 }
@@ -165,8 +162,9 @@ void Exchange::onHandshake(error_code ec)
 void Exchange::send()
 {
     m_connection->withStream([this](auto& stream) {
-        beast::http::async_write(stream, m_request,
-                                 onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onWrite(ec); }));
+        beast::http::async_write(stream, m_request, onStrand([self = shared_from_this()](error_code ec, std::size_t) {
+                                     self->onWrite(ec);
+                                 }));
     });
 }
 
@@ -176,8 +174,9 @@ void Exchange::onWrite(error_code ec)
     // The head alone first: Beast 1.74 forgets a Content-Length over the body limit when the
     // body arrives in the same read as the head, and would then allocate the whole body.
     m_connection->withStream([this](auto& stream) {
-        beast::http::async_read_header(stream, m_buffer, m_parser,
-                                       onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onHead(ec); }));
+        beast::http::async_read_header(
+            stream, m_buffer, m_parser,
+            onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onHead(ec); }));
     });
 }
 
@@ -193,15 +192,13 @@ void Exchange::onHead(error_code ec)
     }
     if (m_parser.is_done()) return finish({});
     m_connection->withStream([this](auto& stream) {
-        beast::http::async_read(stream, m_buffer, m_parser,
-                                onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onRead(ec); }));
+        beast::http::async_read(
+            stream, m_buffer, m_parser,
+            onStrand([self = shared_from_this()](error_code ec, std::size_t) { self->onRead(ec); }));
     });
 }
 
-void Exchange::onRead(error_code ec)
-{
-    finish(ec);
-}
+void Exchange::onRead(error_code ec) { finish(ec); }
 
 bool Exchange::interrupted(error_code& ec) const
 {
@@ -232,8 +229,8 @@ void Exchange::finish(error_code ec)
 
 bool Exchange::retryOnNewConnection(error_code ec)
 {
-    if (!m_reused || !m_idempotent || m_parser.got_some() || m_timedOut || m_connection->closed() ||
-        ec == asio::error::operation_aborted) {
+    if (!m_reused || !m_idempotent || m_parser.got_some() || m_timedOut || m_connection->closed()
+        || ec == asio::error::operation_aborted) {
         return false;
     }
     m_reused = false;
@@ -248,8 +245,8 @@ void Exchange::release()
 {
     if (auto* tls = m_connection->tls()) m_connection->tlsContext()->remember(tls->native_handle(), m_peer);
     // Only a connection with nothing left over from this exchange can carry the next one.
-    bool const reusable = m_pool && m_request.keep_alive() && m_parser.is_done() && m_parser.keep_alive() &&
-                          m_buffer.size() == 0 && !m_connection->closed();
+    bool const reusable = m_pool && m_request.keep_alive() && m_parser.is_done() && m_parser.keep_alive()
+        && m_buffer.size() == 0 && !m_connection->closed();
     if (reusable) m_pool->give(m_connection);
 }
 

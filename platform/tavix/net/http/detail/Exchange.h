@@ -5,10 +5,10 @@
 // completion once) even when its client is gone.
 #pragma once
 
-#include <tavix/net/http/detail/Connection.h>
-#include <tavix/net/http/detail/ConnectionPool.h>
 #include <tavix/net/http/HttpClient.h>
 #include <tavix/net/http/ProxyChoice.h>
+#include <tavix/net/http/detail/Connection.h>
+#include <tavix/net/http/detail/ConnectionPool.h>
 
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -69,7 +69,7 @@ private:
     bool m_idempotent;
     std::string m_host;
     unsigned short m_port;
-    std::string m_peer;  // "host:port", whose TLS session is resumed
+    std::string m_peer; // "host:port", whose TLS session is resumed
     std::optional<Proxy> m_proxy;
     ClientOptions m_options;
     HttpClient::Completion m_completion;
@@ -78,7 +78,7 @@ private:
     std::optional<boost::asio::ip::tcp::resolver> m_resolver;
     boost::asio::steady_timer m_timer;
     Clock::time_point m_exchangeDeadline;
-    bool m_connectionUp = false;  // connected, TLS handshake done: the connect time-out no longer applies
+    bool m_connectionUp = false; // connected, TLS handshake done: the connect time-out no longer applies
     bool m_timedOut = false;
     bool m_finished = false;
 

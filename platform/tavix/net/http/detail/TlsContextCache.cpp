@@ -25,8 +25,8 @@ std::shared_ptr<TlsClientContext> build(std::string const& caFile, std::string c
 {
     auto client = std::make_shared<TlsClientContext>();
     ssl::context* context = &client->context();
-    context->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3 |
-                             ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1,
+    context->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3
+                             | ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1,
                          ec);
     if (!ec) context->set_verify_mode(ssl::verify_peer, ec);
     if (!ec) caFile.empty() ? context->set_default_verify_paths(ec) : context->load_verify_file(caFile, ec);

@@ -1,0 +1,34 @@
+// The two shapes every REST step of the upload chain takes (internal; FileUploader's .cpp files).
+#pragma once
+
+#include <restclient/storage/FileUploader.h>
+
+namespace tavix::restclient::storage {
+
+template <typename Start>
+bool FileUploader::runRestStep(RestStep const& spec, Start start)
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        step = spec.number;
+        m_operation.Start();
+        switch (start([this, &spec](boost::system::error_code const& ec) { return settleStep(spec, ec); })) {
+        case StepResult::done: return true;
+        case StepResult::again: continue;
+        case StepResult::failed: return false;
+        }
+    }
+    return false;
+}
+
+template <typename Succeeded, typename Failed>
+void FileUploader::answerRestStep(boost::system::error_code const& ec, unsigned int status,
+                                  veltrun::TavixErrorResponse const& error, char const* action, Succeeded succeeded,
+                                  Failed failed)
+{
+    if (!ec && status == 200) return m_operation.Done(succeeded() ? AsyncOperation::Success : AsyncOperation::Failed);
+    if (retryAfterUnauthorized(error, action)) return;
+    failed();
+    m_operation.Done(AsyncOperation::Failed);
+}
+
+} // namespace tavix::restclient::storage
