@@ -182,22 +182,22 @@ AsyncOperation::Result FileUploader::waitForReply()
     return AsyncOperation::Failed;
 }
 
-FileUploader::StepResult FileUploader::settleStep(RestStep const& spec, boost::system::error_code const& started)
+FileUploader::StepResult FileUploader::settleStep(RestStep const& restStep, boost::system::error_code const& started)
 {
     if (started) {
-        WORKER_LOG_ERROR("[FileUploader] Unable to " << spec.unableTo << ". Error code: " << started.value()
+        WORKER_LOG_ERROR("[FileUploader] Unable to " << restStep.unableTo << ". Error code: " << started.value()
                                                      << " Error message: " << started.message());
         m_operation.Done(AsyncOperation::Failed);
         setError(started.value(), started.message());
-        return spec.retryUnstarted ? StepResult::again : StepResult::failed;
+        return restStep.retryUnstarted ? StepResult::again : StepResult::failed;
     }
     switch (waitForReply()) {
     case AsyncOperation::Success: return StepResult::done;
     case AsyncOperation::Retry:
         if (GetAuthToken()) return StepResult::again;
-        setError(spec.noTokenCode, "Unable to get auth token on retry.");
+        setError(restStep.noTokenCode, "Unable to get auth token on retry.");
         return StepResult::failed;
-    default: setStepFailure(spec.failedCode, spec.failedMessage); return StepResult::failed;
+    default: setStepFailure(restStep.failedCode, restStep.failedMessage); return StepResult::failed;
     }
 }
 

@@ -6,12 +6,12 @@
 namespace tavix::restclient::storage {
 
 template <typename Start>
-bool FileUploader::runRestStep(RestStep const& spec, Start start)
+bool FileUploader::runRestStep(RestStep const& restStep, Start start)
 {
     for (int attempt = 0; attempt < 2; ++attempt) {
-        step = spec.number;
+        step = restStep.number;
         m_operation.Start();
-        switch (start([this, &spec](boost::system::error_code const& ec) { return settleStep(spec, ec); })) {
+        switch (start([this, &restStep](boost::system::error_code const& ec) { return settleStep(restStep, ec); })) {
         case StepResult::done: return true;
         case StepResult::again: continue;
         case StepResult::failed: return false;
