@@ -11,6 +11,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstdint>
 #include <cerrno>
 #include <cstdlib>
 #include <map>
@@ -91,6 +93,21 @@ LoadResult loadFile(std::string const& file)
     return result;
 }
 
+// A count or size: digits, then K, M or G for powers of 1024.
+bool parseSize(std::string const& text, std::uint64_t& out)
+{
+    std::size_t digits = 0;
+    while (digits < text.size() && std::isdigit(static_cast<unsigned char>(text[digits]))) ++digits;
+    if (digits == 0 || digits > 15 || text.size() - digits > 1) return false;
+    out = std::stoull(text.substr(0, digits));
+    if (digits == text.size()) return true;
+    std::string const units = "KMG";
+    auto const unit = units.find(static_cast<char>(std::toupper(static_cast<unsigned char>(text.back()))));
+    if (unit == std::string::npos) return false;
+    out <<= 10 * (unit + 1);
+    return true;
+}
+
 // One `key = value` onto `s`; on error `ec` is set and `why` says what is wrong.
 bool apply(Settings& s, std::string const& key, std::string const& value, boost::system::error_code& ec,
            std::string& why)
@@ -120,6 +137,34 @@ bool apply(Settings& s, std::string const& key, std::string const& value, boost:
             return fail(SettingsError::badValue, "proxy must be http://[user:password@]host[:port]");
         }
         s.proxy = value;
+        return true;
+    }
+    std::map<std::string, std::optional<std::uint64_t>*> const sizes = {
+        {"queue_concurrency", &s.queueConcurrency}, {"queue_rate", &s.queueRate},
+        {"queue_quota_bytes", &s.queueQuotaBytes},  {"queue_quota_entries", &s.queueQuotaEntries},
+        {"queue_backoff_base", &s.queueBackoffBase}, {"queue_backoff_cap", &s.queueBackoffCap},
+        {"queue_retention", &s.queueRetention},
+    };
+    if (auto const size = sizes.find(key); size != sizes.end()) {
+        std::uint64_t number = 0;
+        if (!parseSize(value, number)) {
+            return fail(SettingsError::badValue, key + " must be a number (K, M or G may follow), not '" + value + "'");
+        }
+        if (key == "queue_concurrency" && (number < 1 || number > 64)) {
+            return fail(SettingsError::badValue, "queue_concurrency must be from 1 to 64, not '" + value + "'");
+        }
+        *size->second = number;
+        return true;
+    }
+    if (key == "queue_when_full") {
+        if (value != "refuse" && value != "drop_oldest") {
+            return fail(SettingsError::badValue, "queue_when_full must be refuse or drop_oldest, not '" + value + "'");
+        }
+        s.queueDropOldest = value == "drop_oldest";
+        return true;
+    }
+    if (key == "queue_spool") {
+        s.queueSpool = value;
         return true;
     }
     if (key == "no_proxy") {

@@ -24,6 +24,7 @@ using detail::ServiceAddress;
 boost::recursive_timed_mutex& FileUploader::s_mutexAuth = *new boost::recursive_timed_mutex;
 std::string& FileUploader::s_strAccountURL = *new std::string;
 std::int32_t FileUploader::s_tAccountURLExpire = 0;
+std::atomic<std::int64_t> FileUploader::s_tLocatorBackoffEnd{0};
 
 namespace {
 
@@ -105,6 +106,17 @@ void FileUploader::SetStallTimeout(std::chrono::seconds stall)
     m_stallTimeout = stall;
 }
 
+void FileUploader::SetMaxSendSpeed(std::uint64_t bytesPerSecond)
+{
+    boost::mutex::scoped_lock lock(m_mutex);
+    m_maxSendSpeed = bytesPerSecond;
+}
+
+std::time_t FileUploader::LocatorBackoffEnd()
+{
+    return static_cast<std::time_t>(s_tLocatorBackoffEnd.load());
+}
+
 void FileUploader::SetCACertFile(std::string const& file)
 {
     boost::mutex::scoped_lock lock(m_mutex);
@@ -151,6 +163,10 @@ void FileUploader::notifyFinished()
 {
     {
         boost::mutex::scoped_lock lock(m_mutex);
+        if (errorCode != 0) {
+            failedStep = step.load();
+            httpStatus = m_lastStatus;
+        }
         step = 6;
         m_finished.notify_all();
     }
@@ -232,6 +248,7 @@ bool FileUploader::GetAuthToken()
     }
 
     s_tAccountURLExpire = 0;
+    s_tLocatorBackoffEnd = 0;
     step = 1;
     std::string message;
     int const code = controller::AuthenticationServiceClient::AuthenticateController(m_appKey, message,
@@ -272,6 +289,7 @@ void FileUploader::MarkAuthTokenExpired()
     if (token->GetToken() != m_authToken) return;
     token->Set(token->GetToken(), token->GetTokenType(), token->GetScope(), token->GetIssued(), 0);
     s_tAccountURLExpire = 0;
+    s_tLocatorBackoffEnd = 0;
 }
 
 bool FileUploader::LocateAccountService()
@@ -324,6 +342,7 @@ void FileUploader::handleLocationResponse(locator::LocationResponse response, ve
         if (endpoint.serviceName.value != "ACCOUNT") return false;
 
         s_strAccountURL = endpoint.endPointURL.value + "/v1/rest";
+        s_tLocatorBackoffEnd = 0;
         WORKER_LOG_INFO("[FileUploader] URL of Account service (REST): " << s_strAccountURL);
         // The Account URL is trusted as long as the token it was found with.
         if (controller::AuthTokenPtr const token = controller::OAuthHelper::Instance().GetAuthToken(m_appKey)) {
@@ -342,6 +361,7 @@ void FileUploader::handleLocationResponse(locator::LocationResponse response, ve
         }
         // The lookup is not tried again for five minutes.
         s_tAccountURLExpire = static_cast<std::int32_t>(std::time(nullptr) + 300);
+        s_tLocatorBackoffEnd = s_tAccountURLExpire;
     };
     answerRestStep(ec, status, error, "locate service endpoint", succeeded, failed);
 }

@@ -74,6 +74,13 @@ public:
     // A transfer attempt that moves no byte for this long fails like any transfer error and is
     // tried again (default 60 s); takes effect for a transfer not yet begun.
     void SetStallTimeout(std::chrono::seconds stall);
+    // Caps the transfer at this many bytes per second (0: no cap, the default); takes effect for
+    // a transfer not yet begun. For metered or shared links.
+    void SetMaxSendSpeed(std::uint64_t bytesPerSecond);
+
+    // Until when (seconds since the epoch) a failed Locator lookup is not tried again by any
+    // uploader of the process; 0 when the last lookup did not fail.
+    static std::time_t LocatorBackoffEnd();
 
     // Blocks until the step is 6 or `timeout` has passed; true when finished.
     bool WaitFinished(std::chrono::milliseconds timeout) const;
@@ -170,6 +177,10 @@ public:
     // Progress of the transfer, safe to read from any thread while it runs.
     std::atomic<std::int64_t> bytesSent{0};
     std::atomic<std::int64_t> bytesTotal{0};
+    // Once the step is 6 and the upload failed: the step that failed (1..5) and the HTTP status
+    // of the answer that ended it (0 when none came), for callers that sort failures.
+    std::atomic<std::int32_t> failedStep{0};
+    std::atomic<std::int32_t> httpStatus{0};
 
 private:
     bool m_reauthenticated = false;
@@ -182,6 +193,8 @@ private:
     std::atomic<bool> m_cancelled{false};
     boost::condition_variable m_wake; // ends the pause between attempts on Cancel
     std::chrono::seconds m_stallTimeout{60};
+    std::uint64_t m_maxSendSpeed = 0;
+    std::int32_t m_lastStatus = 0; // the last answer's HTTP status, published as httpStatus
     // The file as the MD5 pass saw it; the transfer refuses a file that differs.
     struct Seen {
         std::int64_t size = -1; // -1: the MD5 pass could not read it
@@ -193,6 +206,7 @@ private:
     static boost::recursive_timed_mutex& s_mutexAuth;
     static std::string& s_strAccountURL;
     static std::int32_t s_tAccountURLExpire;
+    static std::atomic<std::int64_t> s_tLocatorBackoffEnd;
 };
 
 } // namespace tavix::restclient::storage

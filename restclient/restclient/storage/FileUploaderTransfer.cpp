@@ -20,6 +20,7 @@
 #include <curl/curl.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -290,6 +291,7 @@ bool FileUploader::UploadFile()
 
 bool FileUploader::sendOnce(bool& retry)
 {
+    m_lastStatus = 0;
     // libcurl speaks far more than HTTP: a file:// or scp:// URL from the answer would read or
     // overwrite what it names. Refused before anything is opened.
     std::string const scheme = schemeOf(m_uploadURL);
@@ -345,9 +347,11 @@ bool FileUploader::sendOnce(bool& retry)
     bytesSent = 0;
     bytesTotal = size;
     ProgressRecord progress{0.0, curl.get(), this};
+    curl_off_t maxSendSpeed = 0;
     {
         boost::mutex::scoped_lock lock(m_mutex);
         progress.stallSeconds = double(m_stallTimeout.count());
+        maxSendSpeed = static_cast<curl_off_t>(m_maxSendSpeed);
     }
     HeaderList const headers("Content-Type: binary/octet-stream");
     std::string answer;
@@ -366,6 +370,7 @@ bool FileUploader::sendOnce(bool& retry)
     curl_easy_setopt(curl.get(), CURLOPT_INFILESIZE_LARGE, size);
     curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.list);
     curl_easy_setopt(curl.get(), CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+    if (maxSendSpeed > 0) curl_easy_setopt(curl.get(), CURLOPT_MAX_SEND_SPEED_LARGE, maxSendSpeed);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, &keepAnswer);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &answer);
 
@@ -373,6 +378,8 @@ bool FileUploader::sendOnce(bool& retry)
     long timeout = 10 + 200 * megabytes;
     WORKER_LOG_DEBUG("[FileUploader] Upload timeout is " << 10 << " + " << 200 << " * " << megabytes << " = " << timeout
                                                          << " seconds.");
+    // A capped transfer takes as long as the cap says: the size-based time-out must not end it.
+    if (maxSendSpeed > 0) timeout = std::max<long>(timeout, 10 + 2 * static_cast<long>(size / maxSendSpeed));
     if (timeout > kMaxTimeoutSeconds) {
         WORKER_LOG_DEBUG("[FileUploader] Upload timeout is too long, setting it to 82800 seconds (23 hours)");
         timeout = kMaxTimeoutSeconds;
@@ -411,6 +418,7 @@ bool FileUploader::sendOnce(bool& retry)
         setError(codeRead, message);
         return false;
     }
+    m_lastStatus = static_cast<std::int32_t>(code);
     if (code != 200) {
         std::string const message = "Upload failed. Response code: " + std::to_string(code);
         WORKER_LOG_ERROR("[FileUploader] " << message << (answer.empty() ? "" : " Answer: ") << answer);

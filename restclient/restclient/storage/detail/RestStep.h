@@ -10,6 +10,7 @@ bool FileUploader::runRestStep(RestStep const& restStep, Start start)
 {
     for (int attempt = 0; attempt < 2; ++attempt) {
         step = restStep.number;
+        m_lastStatus = 0;
         m_operation.Start();
         switch (start([this, &restStep](boost::system::error_code const& ec) { return settleStep(restStep, ec); })) {
         case StepResult::done: return true;
@@ -25,6 +26,7 @@ void FileUploader::answerRestStep(boost::system::error_code const& ec, unsigned 
                                   veltrun::TavixErrorResponse const& error, char const* action, Succeeded succeeded,
                                   Failed failed)
 {
+    m_lastStatus = ec ? 0 : static_cast<std::int32_t>(status);
     if (!ec && status == 200) return m_operation.Done(succeeded() ? AsyncOperation::Success : AsyncOperation::Failed);
     if (retryAfterUnauthorized(error, action)) return;
     failed();
