@@ -24,6 +24,14 @@ std::map<std::string, EntryState> const kStates = {
     {"pending", EntryState::pending}, {"sending", EntryState::sending}, {"failed", EntryState::failed}};
 
 template <typename Enum>
+std::vector<std::string> namesOf(std::map<std::string, Enum> const& names)
+{
+    std::vector<std::string> all;
+    for (auto const& name : names) all.push_back(name.first);
+    return all;
+}
+
+template <typename Enum>
 std::string nameOf(std::map<std::string, Enum> const& names, Enum value)
 {
     auto const found = std::find_if(names.begin(), names.end(), [value](auto const& n) { return n.second == value; });
@@ -33,12 +41,11 @@ std::string nameOf(std::map<std::string, Enum> const& names, Enum value)
 struct AddArgs {
     std::string file, name, type = kDefaultUploadType;
     std::vector<std::string> meta;
-    HoldMode hold = HoldMode::copy;
+    std::string hold = "copy";
 };
 
 struct ListArgs {
-    EntryState state = EntryState::pending;
-    CLI::Option* stateGiven = nullptr;
+    std::string state; // all when empty
 };
 
 struct RetryArgs {
@@ -57,7 +64,7 @@ Exit add(Session& session, AddArgs const& args)
     std::string const name = args.name.empty() ? path.filename().string() : args.name;
     boost::system::error_code ec;
     std::string detail;
-    std::int64_t const id = queue->enqueue(path, name, args.type, metadata, args.hold, ec, &detail);
+    std::int64_t const id = queue->enqueue(path, name, args.type, metadata, kHoldModes.at(args.hold), ec, &detail);
     if (id == 0) return queueFailure("queue add " + args.file, ec, detail);
     Json::Value document;
     document["id"] = Json::Int64(id);
@@ -117,7 +124,7 @@ Exit list(Session& session, ListArgs const& args)
     std::unique_ptr<UploadQueue> queue;
     if (Exit const e = openQueue(session, queue); e != ok) return e;
     std::vector<QueueEntry> const entries =
-        queue->list(args.stateGiven->count() > 0 ? std::optional(args.state) : std::nullopt);
+        queue->list(args.state.empty() ? std::nullopt : std::optional(kStates.at(args.state)));
     Json::Value document = Json::arrayValue;
     for (QueueEntry const& e : entries) document.append(toJson(e));
     session.out.print(document, [&entries](std::ostream& os) { printEntryTable(os, entries); });
@@ -215,16 +222,14 @@ void addQueueCommands(CLI::App& app, Session& session, Run& run)
     sub->add_option("--name", added->name, "the stored object's name (default: the file's name)");
     sub->add_option("--type", added->type, "the stored object's type")->capture_default_str();
     sub->add_option("--meta", added->meta, "extra metadata, key=value (repeatable)")->allow_extra_args(false);
-    sub->add_option("--hold", added->hold, "how the spool holds the file until it is sent: copy, link or reference")
-        ->transform(CLI::CheckedTransformer(kHoldModes))
-        ->default_str("copy");
+    sub->add_option("--hold", added->hold, "how the spool holds the file until it is sent")
+        ->check(CLI::IsMember(namesOf(kHoldModes)))
+        ->capture_default_str();
     onParsed(sub, run, [&session, added] { return add(session, *added); });
 
     auto const listed = std::make_shared<ListArgs>();
     sub = group->add_subcommand("list", "List the entries in the journal (a table, or an array with --json)");
-    listed->stateGiven =
-        sub->add_option("--state", listed->state, "only entries in this state: pending, sending or failed")
-            ->transform(CLI::CheckedTransformer(kStates));
+    sub->add_option("--state", listed->state, "only entries in this state")->check(CLI::IsMember(namesOf(kStates)));
     onParsed(sub, run, [&session, listed] { return list(session, *listed); });
 
     auto const runArgs = std::make_shared<RunArgs>();
@@ -250,7 +255,10 @@ void addQueueCommands(CLI::App& app, Session& session, Run& run)
     sub = group->add_subcommand("stats", "Count the entries by state, and those gone since the spool was made");
     onParsed(sub, run, [&session] { return stats(session); });
 
-    for (CLI::App* command : group->get_subcommands({})) {
+    // Before or after the command's name.
+    std::vector<CLI::App*> commands = group->get_subcommands({});
+    commands.push_back(group);
+    for (CLI::App* command : commands) {
         command->add_option("--spool", session.options.queueSpool,
                             "the spool directory, made when missing (default: queue_spool of the settings)");
     }
