@@ -411,7 +411,7 @@ TEST_F(CliQueueTest, RunOnceDeliversEveryEntryToTheStorageService)
     writeFile(300 * 1024);
     std::int64_t const first = add({small});
     std::int64_t const second = add({file.string(), "--type", "log"});
-    Result const r = queue({"run", "--once", "--rate", "4M", "--concurrency", "2"});
+    Result const r = queue({"run", "--once", "--rate", "4M", "--concurrency", "1"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("delivered " + std::to_string(first) + " small.bin (1000 bytes)"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("delivered " + std::to_string(second) + " upload.bin"), std::string::npos) << r.out;

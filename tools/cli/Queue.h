@@ -12,7 +12,7 @@
 namespace tavix::cli {
 
 // The queue in --spool, else in the settings' queue_spool (badUsage when neither names one), with
-// the settings' queue_* values, the tool's app key and CA bundle.
+// the settings' queue_* values and CA bundle and the tool's app key.
 Exit openQueue(Session& session, std::unique_ptr<restclient::storage::UploadQueue>& queue);
 
 // Says "<what>: <message>: <detail>" on one line of stderr; the exit status for `ec`.

@@ -186,7 +186,6 @@ Exit openQueue(Session& session, std::unique_ptr<UploadQueue>& queue)
         return fail(badUsage, "queue: no spool: give --spool or set queue_spool in " + controller::Settings::path());
     }
     options.appKey = session.options.appKey;
-    if (options.caFile.empty()) options.caFile = session.settings().caFile;
     boost::system::error_code ec;
     std::string detail;
     queue = UploadQueue::open(options, ec, &detail);
