@@ -44,10 +44,6 @@ struct AddArgs {
     std::string hold = "copy";
 };
 
-struct ListArgs {
-    std::string state; // all when empty
-};
-
 struct RetryArgs {
     std::int64_t id = 0;
     bool failed = false;
@@ -119,12 +115,13 @@ void printEntryTable(std::ostream& os, std::vector<QueueEntry> const& entries)
     }
 }
 
-Exit list(Session& session, ListArgs const& args)
+// Every entry when `state` is empty.
+Exit list(Session& session, std::string const& state)
 {
     std::unique_ptr<UploadQueue> queue;
     if (Exit const e = openQueue(session, queue); e != ok) return e;
     std::vector<QueueEntry> const entries =
-        queue->list(args.state.empty() ? std::nullopt : std::optional(kStates.at(args.state)));
+        queue->list(state.empty() ? std::nullopt : std::optional(kStates.at(state)));
     Json::Value document = Json::arrayValue;
     for (QueueEntry const& e : entries) document.append(toJson(e));
     session.out.print(document, [&entries](std::ostream& os) { printEntryTable(os, entries); });
@@ -162,7 +159,7 @@ Exit retry(Session& session, RetryArgs const& args)
     }
     Json::Value document;
     document["retried"] = Json::UInt64(retried);
-    session.out.print(document, [retried](std::ostream& os) { os << retried << " entries due now\n"; });
+    session.out.print(document, [retried](std::ostream& os) { os << "entries due now: " << retried << "\n"; });
     return ok;
 }
 
@@ -226,10 +223,10 @@ void addQueueCommands(CLI::App& app, Session& session, Run& run)
         ->capture_default_str();
     onParsed(sub, run, [&session, added] { return add(session, *added); });
 
-    auto const listed = std::make_shared<ListArgs>();
+    auto const state = std::make_shared<std::string>();
     sub = group->add_subcommand("list", "List the entries in the journal (a table, or an array with --json)");
-    sub->add_option("--state", listed->state, "only entries in this state")->check(CLI::IsMember(namesOf(kStates)));
-    onParsed(sub, run, [&session, listed] { return list(session, *listed); });
+    sub->add_option("--state", *state, "only entries in this state")->check(CLI::IsMember(namesOf(kStates)));
+    onParsed(sub, run, [&session, state] { return list(session, *state); });
 
     auto const runArgs = std::make_shared<RunArgs>();
     sub = group->add_subcommand("run", "Send the queued files: until nothing is due, or until SIGINT or SIGTERM");
