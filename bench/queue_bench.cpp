@@ -9,7 +9,7 @@
 //     the last delivery, and over the transfers alone (first byte sent to delivery).
 // Nothing asserts on speed; a failed upload or a missing object ends the run with status 1.
 //
-//   queue_bench [--big 100M] [--files 500] [--rounds 2] [--capped 200M] [--rate 10M]
+//   queue_bench [--big 100M] [--files 500] [--rounds 4] [--capped 200M] [--rate 10M]
 //               [--small-enqueues 21] [--big-enqueues 3] [--sections 123]
 //
 // Sizes take K, M and G (powers of 1000); KB and MB are 10^3 and 10^6 bytes. The rate is bytes
@@ -55,7 +55,7 @@ constexpr std::uint64_t kSmall = 1000;
 struct Options {
     std::uint64_t big = 100000000;
     unsigned files = 500;
-    unsigned rounds = 2;
+    unsigned rounds = 4;
     std::uint64_t capped = 200000000;
     std::uint64_t rate = 10000000;
     unsigned smallEnqueues = 21;
@@ -386,8 +386,7 @@ void smallFilesDrain(Options const& o, fs::path const& dir, emulator::CloudEmula
                    serial * 1e3 / o.files, drain.drain, drain.drain * 1e3 / o.files, drain.drain / serial,
                    drain.enqueue, syncedWriteMs(many));
     }
-    fmt::print("  (fsync ms: the median of 21 synced 4 KiB writes right after the round; the queue makes three "
-               "synchronous journal commits per entry)\n");
+    fmt::print("  (fsync ms: the median of 21 synced 4 KiB writes right after the round, how busy the disk was)\n");
     fmt::print("  best: one by one {:.2f} s, queue {:.2f} s, queue / one by one {:.2f} (aimed at <= 1.1); "
                "the emulator holds {} objects of each run\n",
                bestSerial, bestQueue, bestQueue / bestSerial, o.files);
@@ -437,7 +436,7 @@ void cappedDrain(Options const& o, fs::path const& dir, emulator::CloudEmulator 
 
 int main(int argc, char** argv)
 {
-    std::string const usage = fmt::format("usage: {} [--big 100M] [--files 500] [--rounds 2] [--capped 200M] "
+    std::string const usage = fmt::format("usage: {} [--big 100M] [--files 500] [--rounds 4] [--capped 200M] "
                                           "[--rate 10M] [--small-enqueues 21] [--big-enqueues 3] [--sections 123]\n",
                                           argv[0]);
     if (argc == 2 && (std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h")) {
