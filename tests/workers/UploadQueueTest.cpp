@@ -1,6 +1,8 @@
 // The upload queue against the emulator: delivery in each hold mode, durability across a process
 // that exits without stopping, the duplicate check of entries that may already be stored, the
 // sorting of failures, quotas, expiry, and bad input that must lose nothing already queued.
+#include <restclient/detail/ServiceAddress.h>
+#include <restclient/storage/StoreClient.h>
 #include <restclient/storage/UploadQueue.h>
 #include <restclient/storage/detail/FailureSort.h>
 #include <tests/workers/UploaderFixture.h>
@@ -157,6 +159,47 @@ TEST_F(UploadQueueTest, AnEntryInDoubtIsCheckedAndNotSentTwice)
     EXPECT_EQ(requestsTo("/blobs/"), puts) << "sent again";
 }
 
+// What a killed sender leaves when its store request got through and its body did not: an object
+// with the file's name, type and MD5, and no content.
+void makeBodiless(emulator::CloudEmulator& cloud, std::string const& name, std::string const& md5)
+{
+    restclient::detail::ServiceAddress storage;
+    ASSERT_TRUE(storage.parse(cloud.storageUrl()));
+    boost::asio::io_context io;
+    unsigned answered = 0;
+    StoreClient client(
+        io, [&](StoreResponse const&, auto, unsigned int status, auto const&) { answered = status; }, storage.host,
+        storage.port, cloud.issueToken(), storage.accountPart, storage.tls, storage.path);
+    StoreRequest request;
+    request.name.value = name;
+    request.type.value = "log";
+    request.metadata.add("_md5checksum", md5);
+    ASSERT_FALSE(client.store(request));
+    io.run_for(10s);
+    ASSERT_EQ(answered, 200u);
+}
+
+TEST_F(UploadQueueTest, ABodilessObjectOfAnEntryInDoubtIsRemovedBeforeItIsSentAgain)
+{
+    auto queue = open(options());
+    // A non-empty file, and an empty one, whose leftover would otherwise look stored.
+    auto const full = enqueue(*queue, makeFile("full.txt", "the body never came"));
+    auto const empty = enqueue(*queue, makeFile("empty.txt", ""));
+    for (auto const& entry : queue->list()) makeBodiless(cloud, entry.name, entry.md5);
+    markSending(dir / "spool" / "queue.db", full);
+    markSending(dir / "spool" / "queue.db", empty);
+
+    start(*queue);
+    ASSERT_TRUE(queue->waitIdle(kBound));
+    EXPECT_EQ(queue->counts().delivered, 2u);
+    for (char const* name : {"proj/full.txt", "proj/empty.txt"}) {
+        std::size_t objects = 0;
+        for (auto const& object : cloud.objects()) objects += object.name == name;
+        EXPECT_EQ(objects, 1u) << name << ": the leftover is gone, the new object has the body";
+        EXPECT_EQ(storedNamed(name), 1u) << name;
+    }
+}
+
 TEST_F(UploadQueueTest, AnEntryInDoubtWaitsWhileTheServiceCannotBeAsked)
 {
     auto queue = open(options());
@@ -201,7 +244,7 @@ TEST_F(UploadQueueTest, SortsFailuresIntoFailedAndTriedAgain)
     cloud.scriptReply({503, errorDocument(503), "application/json", "/files"});
     auto const busy = enqueue(*queue, makeFile("busy.txt", "tried again"));
     auto const deadline = std::chrono::steady_clock::now() + kBound;
-    while (storedNamed("proj/busy.txt") == 0 && std::chrono::steady_clock::now() < deadline)
+    while (queue->counts().delivered == 0 && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(50ms);
     EXPECT_EQ(storedNamed("proj/busy.txt"), 1u);
     EXPECT_EQ(queue->counts().delivered, 1u);

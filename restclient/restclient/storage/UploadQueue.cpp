@@ -277,7 +277,8 @@ bool UploadQueue::waitIdle(std::chrono::milliseconds timeout) const
         auto const due = s.journal->nextDue(ec);
         {
             std::unique_lock<std::mutex> lock(s.mutex);
-            if (s.busy == 0 && !ec && (!due || *due > now())) return true;
+            // Idle also means the delivered entries' held files are gone.
+            if (s.busy == 0 && s.toRelease.empty() && !ec && (!due || *due > now())) return true;
             if (std::chrono::steady_clock::now() >= deadline) return false;
             s.changed.wait_for(lock, std::chrono::milliseconds(100));
         }

@@ -4,6 +4,7 @@
 #include <restclient/detail/ServiceAddress.h>
 #include <restclient/locator/LocationClient.h>
 #include <restclient/storage/ResourceClient.h>
+#include <restclient/storage/StoreClient.h>
 
 #include <tavix/controller/AuthenticationServiceClient.h>
 #include <tavix/controller/LocatorServiceClient.h>
@@ -13,6 +14,8 @@
 
 #include <chrono>
 #include <ctime>
+#include <optional>
+#include <vector>
 
 namespace tavix::restclient::storage::detail {
 
@@ -37,13 +40,19 @@ public:
     template <typename Response, typename Keep>
     auto completion(Keep keep)
     {
-        return [this, keep](Response const& response, veltrun::TavixErrorResponse const& error, unsigned int status,
-                            boost::system::error_code const& ec) {
+        return completion<Response>(
+            [keep](Response const& response, unsigned int status) { return status == 200 && keep(response); }, 0);
+    }
+    // The same, `judge` taking the status too: false for a status it does not accept.
+    template <typename Response, typename Judge>
+    auto completion(Judge judge, int)
+    {
+        return [this, judge](Response const& response, veltrun::TavixErrorResponse const& error, unsigned int status,
+                             boost::system::error_code const& ec) {
             m_answered = true;
             if (ec) return fail(ec.message());
-            if (status != 200) return fail("HTTP " + std::to_string(status) + " " + error.message.value);
-            m_ok = keep(response);
-            if (!m_ok) fail("the answer lacks what was asked");
+            m_ok = judge(response, status);
+            if (!m_ok) fail("HTTP " + std::to_string(status) + " " + error.message.value);
         };
     }
 
@@ -105,6 +114,31 @@ std::string plainPrefix(std::string const& text)
     return text.substr(0, end);
 }
 
+// True when `url` names the same scheme, host and port as `service`.
+bool sameService(std::string const& url, ServiceAddress const& service)
+{
+    ServiceAddress other;
+    return other.parse(url) && other.host == service.host && other.port == service.port && other.tls == service.tls;
+}
+
+// Whether the object's body is there (its download address is given), or nullopt when the
+// service cannot say.
+std::optional<bool> hasContent(Resource const& resource, std::string const& token,
+                               boost::function<bool()> const& cancelled, std::string& why)
+{
+    Request request("Storage download address", cancelled, why);
+    std::optional<bool> content;
+    ResourceDownloadClient client(request.io,
+                                  request.completion<URLResponse>(
+                                      [&](auto const&, unsigned int status) {
+                                          if (status == 200 || status == 404) content = status == 200;
+                                          return content.has_value();
+                                      },
+                                      0));
+    if (!request.wait(client.getDownloadURL(resource.url.href.value, token))) return std::nullopt;
+    return content;
+}
+
 } // namespace
 
 Stored findStored(StoredQuery const& query, boost::function<bool()> const& cancelled, std::string& why)
@@ -141,26 +175,54 @@ Stored findStored(StoredQuery const& query, boost::function<bool()> const& cance
     ServiceAddress storage;
     if (!storage.parse(storageUrl)) return why = "the Storage URL does not parse", Stored::unknown;
 
-    bool found = false;
-    Request request("Storage search", cancelled, why);
-    auto const matches = [&](ResourcesResponse const& r) {
-        for (auto const& resource : r.resources) {
-            found = found
-                || (resource.name.value == query.name && resource.type.value == query.type
-                    && static_cast<std::int64_t>(resource.contentLength.value) == query.size
-                    && resource.metadata.get<std::string>("_md5checksum") == query.md5);
+    // Objects of this file: name, type and MD5 as the upload sent them.
+    std::vector<Resource> candidates;
+    {
+        Request request("Storage search", cancelled, why);
+        auto const keep = [&](ResourcesResponse const& r) {
+            for (auto const& resource : r.resources) {
+                if (resource.name.value == query.name && resource.type.value == query.type
+                    && resource.metadata.get<std::string>("_md5checksum") == query.md5)
+                    candidates.push_back(resource);
+            }
+            return true;
+        };
+        ResourceSearchClient client(request.io, request.completion<ResourcesResponse>(keep), storage.host, storage.port,
+                                    token, storage.accountPart, storage.tls, storage.path);
+        // The name's leading plain characters narrow the search; the exact name is compared here.
+        std::string const type = plainPrefix(query.type) == query.type ? query.type : std::string();
+        std::string const prefix = plainPrefix(query.name);
+        if (!request.wait(type.empty() ? client.searchProject(prefix) : client.searchTypeProject(type, prefix))) {
+            return Stored::unknown;
         }
-        return true;
-    };
-    ResourceSearchClient client(request.io, request.completion<ResourcesResponse>(matches), storage.host, storage.port,
-                                token, storage.accountPart, storage.tls, storage.path);
-    // The name's leading plain characters narrow the search; the exact name is compared here.
-    std::string const type = plainPrefix(query.type) == query.type ? query.type : std::string();
-    std::string const prefix = plainPrefix(query.name);
-    boost::system::error_code const started =
-        type.empty() ? client.searchProject(prefix) : client.searchTypeProject(type, prefix);
-    if (!request.wait(started)) return Stored::unknown;
-    return found ? Stored::yes : Stored::no;
+    }
+    std::vector<std::string> bodiless;
+    for (auto const& resource : candidates) {
+        // Links from the answer carry our token: only to the Storage service we asked.
+        if (!sameService(resource.href.value, storage) || !sameService(resource.url.href.value, storage)) {
+            return why = "an object's links lead away from the Storage service", Stored::unknown;
+        }
+        auto const length = static_cast<std::int64_t>(resource.contentLength.value);
+        if (length == query.size && query.size > 0) return Stored::yes;
+        if (length != 0) continue; // not this file's bytes
+        // An empty body and no body at all both say 0: the download address tells them apart.
+        std::optional<bool> const content = query.size == 0 ? hasContent(resource, token, cancelled, why) : false;
+        if (!content) return Stored::unknown;
+        if (*content) return Stored::yes;
+        bodiless.push_back(resource.href.value);
+    }
+    // An object made by an attempt whose body never came. Removed before sending again: a body
+    // still on its way from a killed sender then finds no object, and never lands as a second copy.
+    for (auto const& href : bodiless) {
+        Request request("Storage removal", cancelled, why);
+        StoreClient client(
+            request.io,
+            request.completion<StoreResponse>(
+                [](auto const&, unsigned int status) { return status == 200 || status == 204 || status == 404; }, 0),
+            storage.host, storage.port, token, storage.accountPart, storage.tls, storage.path);
+        if (!request.wait(client.remove(href))) return Stored::unknown;
+    }
+    return Stored::no;
 }
 
 } // namespace tavix::restclient::storage::detail
