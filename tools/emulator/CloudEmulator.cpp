@@ -245,7 +245,10 @@ Response CloudEmulator::finishUpload(Request const& request, StreamedBody const&
             return textReply(request, reply->status, reply->body, reply->contentType);
         }
         RoutedRequest const route = routeOf(request);
-        return m_storage.commitUpload(*m_context, route, *uploadTarget(route), body);
+        Response stored = m_storage.commitUpload(*m_context, route, *uploadTarget(route), body);
+        if (stored.result() == http::status::ok && m_dice.roll(FaultDice::dropAfterBody))
+            stored.set(kDropAnswerField, "1");
+        return stored;
     } catch (std::exception const& e) {
         boost::system::error_code ignored;
         fs::remove(body.path, ignored);

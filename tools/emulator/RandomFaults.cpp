@@ -22,6 +22,7 @@ bool setMember(RandomFaults& faults, std::string const& name, std::string const&
         : name == "5xx"                  ? &faults.serverError
         : name == "401"                  ? &faults.unauthorized
         : name == "expired-url"          ? &faults.expiredUrl
+        : name == "drop-after-body"      ? &faults.dropAfterBody
                                          : nullptr;
     if (probability) {
         if (!readNumber(text, *probability) || !(*probability >= 0 && *probability <= 1)) {
@@ -46,7 +47,8 @@ bool setMember(RandomFaults& faults, std::string const& name, std::string const&
         }
         return true;
     }
-    error = fmt::format("unknown fault \"{}\" (drop, stall, stall-ms, 5xx, 401, expired-url, seed)", name);
+    error =
+        fmt::format("unknown fault \"{}\" (drop, stall, stall-ms, 5xx, 401, expired-url, drop-after-body, seed)", name);
     return false;
 }
 
@@ -70,14 +72,14 @@ bool parseRandomFaults(std::string const& text, RandomFaults& faults, std::strin
 
 std::string formatRandomFaults(RandomFaults const& faults)
 {
-    return fmt::format("drop={},stall={},stall-ms={},5xx={},401={},expired-url={},seed={}", faults.drop, faults.stall,
-                       faults.stallMax.count(), faults.serverError, faults.unauthorized, faults.expiredUrl,
-                       faults.seed);
+    return fmt::format("drop={},stall={},stall-ms={},5xx={},401={},expired-url={},drop-after-body={},seed={}",
+                       faults.drop, faults.stall, faults.stallMax.count(), faults.serverError, faults.unauthorized,
+                       faults.expiredUrl, faults.dropAfterBody, faults.seed);
 }
 
 char const* FaultDice::name(Kind kind)
 {
-    static char const* const names[kindCount] = {"drop", "stall", "5xx", "401", "expired-url"};
+    static char const* const names[kindCount] = {"drop", "stall", "5xx", "401", "expired-url", "drop-after-body"};
     return names[kind];
 }
 
@@ -118,6 +120,7 @@ bool FaultDice::roll(Kind kind)
     double const probability = kind == serverError ? m_faults.serverError
         : kind == unauthorized                     ? m_faults.unauthorized
         : kind == expiredUrl                       ? m_faults.expiredUrl
+        : kind == dropAfterBody                    ? m_faults.dropAfterBody
                                                    : 0.0;
     return rollLocked(kind, probability);
 }
