@@ -1,0 +1,293 @@
+#include <tools/soak/QueueSoak.h>
+
+#include <tools/soak/EmulatorProcess.h>
+#include <tools/soak/QueueReport.h>
+#include <tools/soak/QueueRunner.h>
+#include <tools/soak/UploadRun.h>
+
+#include <boost/filesystem/operations.hpp>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <future>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <random>
+#include <stdexcept>
+#include <thread>
+
+namespace fs = boost::filesystem;
+
+namespace tavix::soak {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using restclient::storage::HoldMode;
+using restclient::storage::QueueCounts;
+using restclient::storage::QueueError;
+using restclient::storage::UploadQueue;
+
+constexpr std::chrono::seconds kStallKill{20};
+constexpr std::chrono::seconds kSettled{3};
+
+double secondsSince(Clock::time_point began) { return std::chrono::duration<double>(Clock::now() - began).count(); }
+
+// `count` points of the progress from `low` to `high` (files delivered), in order.
+std::vector<std::uint64_t> progressPoints(std::mt19937_64& generator, int count, int low, int high)
+{
+    std::uniform_int_distribution<int> point(low, std::max(low, high));
+    std::vector<std::uint64_t> points;
+    for (int i = 0; i < count; ++i) points.push_back(std::uint64_t(point(generator)));
+    std::sort(points.begin(), points.end());
+    return points;
+}
+
+// Writes a file, hands it to the queue as its record says and deletes it: the queue holds its own.
+void enqueueOne(UploadQueue& queue, QueueSoakOptions const& options, QueuedFile& record)
+{
+    fs::path const directory = options.work / "files";
+    record.file = writeSoakFile(directory, options.seed, record.index, options.maxSize);
+    fs::path const path = soakFilePath(directory, record.index);
+    boost::system::error_code ec;
+    std::string detail;
+    std::map<std::string, std::string> const metadata{{"soakSeed", std::to_string(options.seed)}};
+    for (int attempt = 1; attempt <= 5 && record.id == 0; ++attempt) {
+        record.id =
+            queue.enqueue(path, uploadName(options.seed, record.index), "soak", metadata, record.hold, ec, &detail);
+        if (ec != QueueError::journalBusy) break;
+    }
+    if (record.id == 0) record.error = ec.message() + (detail.empty() ? "" : ": " + detail);
+    fs::remove(path);
+}
+
+class QueueSoak {
+public:
+    QueueSoak(QueueSoakOptions const& options, std::ostream& out)
+        : m_options(options), m_plan(queueSoakPlan(options.files)), m_out(out), m_moments(options.seed + 1),
+          m_emulator(options.emulator, options.work, std::chrono::seconds(options.tokenLifetime))
+    {
+        fs::create_directories(options.work / "files");
+        m_emulator.setFaults(faults(0));
+        setenv("TAVIX_CONTROLLER_CONFIG", m_emulator.settingsFile().c_str(), 1);
+        QueueSetup const setup{options.work / "spool", m_emulator.caFile(), options.concurrency};
+        boost::system::error_code ec;
+        std::string detail;
+        m_queue = UploadQueue::open(soakQueueOptions(setup), ec, &detail);
+        if (!m_queue) throw std::runtime_error("the spool does not open: " + ec.message() + " (" + detail + ")");
+        m_runner.emplace(options.self, setup, options.work / "runner.out", options.runnerLogConfig);
+
+        std::mt19937_64 holds(options.seed + 2);
+        m_files.resize(std::size_t(options.files));
+        for (int i = 0; i < options.files; ++i) {
+            m_files[std::size_t(i)].index = i;
+            m_files[std::size_t(i)].hold = holds() % 2 ? HoldMode::link : HoldMode::copy;
+        }
+    }
+
+    QueueSummary run()
+    {
+        auto const began = Clock::now();
+        m_summary.spoolBytesStart = m_queue->counts().spoolBytes;
+        m_summary.heldFilesStart = heldFileBytes();
+        underKills();
+        steady();
+        m_summary.faultReport = m_emulator.faultReport();
+        m_summary.counts = m_queue->counts();
+        m_summary.leftInJournal = m_queue->list().size();
+        m_summary.heldFilesEnd = heldFileBytes();
+        m_queue.reset();
+        if (!m_emulator.stop())
+            m_summary.emulatorFailure = "it did not exit cleanly: see " + (m_options.work / "emulator.out").string();
+        m_summary.verification = verifyQueue(m_files, m_options.seed, m_emulator.dataDirectory());
+        m_summary.seed = m_options.seed;
+        m_summary.concurrency = m_options.concurrency;
+        m_summary.files = &m_files;
+        m_summary.underKills = m_plan.underKills;
+        m_summary.killsPlanned = m_plan.kills;
+        m_summary.memoryMarginMb = m_options.memoryMarginMb;
+        m_summary.seconds = secondsSince(began);
+        return m_summary;
+    }
+
+private:
+    // The faults of the emulator's `run`-th start: each run draws from a seed of its own.
+    std::string faults(int run) const
+    {
+        return (m_options.faults.empty() ? "" : m_options.faults + ",") + fmt::format("seed={}", m_options.seed + run);
+    }
+
+    std::future<void> produce(int first, int count)
+    {
+        return std::async(std::launch::async, [this, first, count] {
+            for (int i = first; i < first + count; ++i) enqueueOne(*m_queue, m_options, m_files[std::size_t(i)]);
+        });
+    }
+
+    // The bytes of the spool's files other than the journal's: what it holds on disk.
+    std::uint64_t heldFileBytes() const
+    {
+        std::uint64_t bytes = 0;
+        for (fs::recursive_directory_iterator it(m_options.work / "spool"), end; it != end; ++it) {
+            std::string const name = it->path().filename().string();
+            if (fs::is_regular_file(it->status()) && name.find("journal") == std::string::npos)
+                bytes += fs::file_size(it->path());
+        }
+        return bytes;
+    }
+
+    void restartRunner(int& counter)
+    {
+        m_runner->kill();
+        ++counter;
+        m_runner->start();
+        m_sampled = false;
+    }
+
+    // Polls the queue until the producer is done and no entry is pending or sending, calling
+    // `tick` with the counts on the way; past the deadline, records the problem and gives up.
+    template <typename Tick>
+    void drain(std::future<void>& producer, char const* stretch, Tick tick)
+    {
+        auto const deadline = Clock::now() + m_options.deadline;
+        for (;;) {
+            QueueCounts const counts = m_queue->counts();
+            bool const produced = producer.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+            if (produced && counts.pending == 0 && counts.sending == 0) break;
+            if (Clock::now() > deadline) {
+                m_summary.problems.push_back(fmt::format("{}: {} pending and {} sending after {} minutes", stretch,
+                                                         counts.pending, counts.sending, m_options.deadline.count()));
+                break;
+            }
+            tick(counts);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        producer.get();
+    }
+
+    void underKills()
+    {
+        int const files = m_plan.underKills;
+        std::vector<std::uint64_t> const kills = progressPoints(m_moments, m_plan.kills, 1, files - 1);
+        std::vector<std::uint64_t> const restarts =
+            progressPoints(m_moments, m_plan.emulatorRestarts, files / 10, files * 9 / 10);
+        std::size_t nextKill = 0, nextRestart = 0;
+        std::uint64_t delivered = 0;
+        auto progressed = Clock::now();
+        m_out << fmt::format("under kills: {} files, {} runner kills, {} emulator restarts\n", files, kills.size(),
+                             restarts.size())
+              << std::flush;
+
+        m_runner->start();
+        auto const began = Clock::now();
+        std::future<void> producer = produce(0, files);
+        drain(producer, "under kills", [&](QueueCounts const& counts) {
+            if (counts.delivered != delivered) delivered = counts.delivered, progressed = Clock::now();
+            if (!m_sampled && m_runner->age() > kSettled) {
+                m_summary.afterRestarts.push_back(processFigures(m_runner->pid()));
+                m_sampled = true;
+            }
+            if (nextRestart < restarts.size() && delivered >= restarts[nextRestart]) {
+                // SIGKILL and SIGTERM by turns: a cloud that crashes, and one that shuts down.
+                bool const hard = nextRestart % 2 == 0;
+                m_emulator.restart(hard ? SIGKILL : SIGTERM);
+                ++(hard ? m_summary.emulatorKills : m_summary.emulatorStops);
+                m_emulator.setFaults(faults(int(++nextRestart)));
+                progressed = Clock::now();
+            } else if (nextKill < kills.size() && delivered >= kills[nextKill]) {
+                // At a random moment of whatever the runner is doing then.
+                std::this_thread::sleep_for(
+                    std::chrono::milliseconds(std::uniform_int_distribution<int>(0, 1500)(m_moments)));
+                restartRunner(m_summary.kills);
+                ++nextKill;
+                progressed = Clock::now();
+            } else if (counts.pending > 0 && Clock::now() - progressed > kStallKill && m_runner->age() > kStallKill) {
+                // A runner whose first Locator lookup failed waits five minutes: a kill ends that too.
+                restartRunner(m_summary.stallKills);
+                progressed = Clock::now();
+            }
+            if (m_summary.kills + m_summary.stallKills != m_reported) {
+                m_reported = m_summary.kills + m_summary.stallKills;
+                m_out << fmt::format("  {:5.0f} s: {} of {} delivered, {} kills, {} emulator restarts\n",
+                                     secondsSince(began), delivered, files, m_reported, nextRestart)
+                      << std::flush;
+            }
+        });
+        m_summary.drainUnderKills = secondsSince(began);
+    }
+
+    void steady()
+    {
+        int const first = m_plan.underKills;
+        int const count = m_options.files - first;
+        int const warmUp = std::min(count, int(m_options.concurrency) * 2);
+        m_out << fmt::format("steady: one runner, {} files without faults, then {} with them\n", warmUp, count - warmUp)
+              << std::flush;
+        m_emulator.setFaults("");
+        ++m_summary.runnerStops;
+        m_summary.runnerCleanStops += m_runner->stop() ? 1 : 0;
+        m_runner->start();
+        std::future<void> warming = produce(first, warmUp);
+        drain(warming, "warm-up", [](QueueCounts const&) {});
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        m_summary.steadyStart = processFigures(m_runner->pid());
+
+        m_emulator.setFaults(faults(m_plan.emulatorRestarts + 1));
+        auto const began = Clock::now();
+        std::future<void> producer = produce(first + warmUp, count - warmUp);
+        drain(producer, "steady", [](QueueCounts const&) {});
+        m_summary.drainSteady = secondsSince(began);
+        m_summary.steadyEnd = settledFigures(m_summary.steadyStart);
+        ++m_summary.runnerStops;
+        m_summary.runnerCleanStops += m_runner->stop() ? 1 : 0;
+    }
+
+    // The runner's figures once finished work has gone (a thread on its way out, a connection
+    // closing): waits up to 10 s for the start's counts.
+    ProcessFigures settledFigures(ProcessFigures const& start) const
+    {
+        auto const deadline = Clock::now() + std::chrono::seconds(10);
+        ProcessFigures figures = processFigures(m_runner->pid());
+        while ((figures.threads > start.threads || figures.openFiles > start.openFiles) && Clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            figures = processFigures(m_runner->pid());
+        }
+        return figures;
+    }
+
+    QueueSoakOptions const& m_options;
+    QueueSoakPlan const m_plan;
+    std::ostream& m_out;
+    std::mt19937_64 m_moments;
+    EmulatorProcess m_emulator;
+    std::unique_ptr<UploadQueue> m_queue;
+    std::optional<RunnerProcess> m_runner;
+    std::vector<QueuedFile> m_files;
+    QueueSummary m_summary;
+    bool m_sampled = false;
+    int m_reported = 0;
+};
+
+} // namespace
+
+QueueSoakPlan queueSoakPlan(int files)
+{
+    QueueSoakPlan plan;
+    plan.underKills = files - files / 5;
+    plan.kills = std::max(5, files / 40);
+    plan.emulatorRestarts = std::max(2, files / 250);
+    return plan;
+}
+
+bool runQueueSoak(QueueSoakOptions const& options, std::ostream& out)
+{
+    QueueSoak soak(options, out);
+    QueueSummary const summary = soak.run();
+    return printQueueReport(summary, out);
+}
+
+} // namespace tavix::soak
