@@ -12,8 +12,8 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdint>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <map>
 #include <mutex>
@@ -140,8 +140,8 @@ bool apply(Settings& s, std::string const& key, std::string const& value, boost:
         return true;
     }
     std::map<std::string, std::optional<std::uint64_t>*> const sizes = {
-        {"queue_concurrency", &s.queueConcurrency}, {"queue_rate", &s.queueRate},
-        {"queue_quota_bytes", &s.queueQuotaBytes},  {"queue_quota_entries", &s.queueQuotaEntries},
+        {"queue_concurrency", &s.queueConcurrency},  {"queue_rate", &s.queueRate},
+        {"queue_quota_bytes", &s.queueQuotaBytes},   {"queue_quota_entries", &s.queueQuotaEntries},
         {"queue_backoff_base", &s.queueBackoffBase}, {"queue_backoff_cap", &s.queueBackoffCap},
         {"queue_retention", &s.queueRetention},
     };

@@ -35,15 +35,15 @@ struct TAVIX_EXPORT Settings {
     std::optional<std::string> proxy;   // proxy: http://[user:password@]host[:port]; empty: direct
     std::optional<std::string> noProxy; // no_proxy: hosts, .domains and addresses reached directly
     // The upload queue's defaults; a size takes a K, M or G suffix (powers of 1024).
-    std::string queueSpool;                          // queue_spool: the spool directory
-    std::optional<std::uint64_t> queueConcurrency;   // queue_concurrency: uploads at a time, 1..64
-    std::optional<std::uint64_t> queueRate;          // queue_rate: bytes per second, 0 none
-    std::optional<std::uint64_t> queueQuotaBytes;    // queue_quota_bytes: 0 none
-    std::optional<std::uint64_t> queueQuotaEntries;  // queue_quota_entries: 0 none
-    std::optional<std::uint64_t> queueBackoffBase;   // queue_backoff_base: seconds
-    std::optional<std::uint64_t> queueBackoffCap;    // queue_backoff_cap: seconds
-    std::optional<std::uint64_t> queueRetention;     // queue_retention: seconds, 0 forever
-    std::optional<bool> queueDropOldest;             // queue_when_full: refuse | drop_oldest
+    std::string queueSpool;                         // queue_spool: the spool directory
+    std::optional<std::uint64_t> queueConcurrency;  // queue_concurrency: uploads at a time, 1..64
+    std::optional<std::uint64_t> queueRate;         // queue_rate: bytes per second, 0 none
+    std::optional<std::uint64_t> queueQuotaBytes;   // queue_quota_bytes: 0 none
+    std::optional<std::uint64_t> queueQuotaEntries; // queue_quota_entries: 0 none
+    std::optional<std::uint64_t> queueBackoffBase;  // queue_backoff_base: seconds
+    std::optional<std::uint64_t> queueBackoffCap;   // queue_backoff_cap: seconds
+    std::optional<std::uint64_t> queueRetention;    // queue_retention: seconds, 0 forever
+    std::optional<bool> queueDropOldest;            // queue_when_full: refuse | drop_oldest
 
     // The file: the one `useFile` named, else TAVIX_CONTROLLER_CONFIG's, else the default.
     static std::string path();

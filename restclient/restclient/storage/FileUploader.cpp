@@ -112,10 +112,7 @@ void FileUploader::SetMaxSendSpeed(std::uint64_t bytesPerSecond)
     m_maxSendSpeed = bytesPerSecond;
 }
 
-std::time_t FileUploader::LocatorBackoffEnd()
-{
-    return static_cast<std::time_t>(s_tLocatorBackoffEnd.load());
-}
+std::time_t FileUploader::LocatorBackoffEnd() { return static_cast<std::time_t>(s_tLocatorBackoffEnd.load()); }
 
 void FileUploader::SetCACertFile(std::string const& file)
 {

@@ -93,12 +93,12 @@ struct RESTCLIENT_EXPORT QueueEntry {
     HoldMode hold = HoldMode::copy;
     EntryState state = EntryState::pending;
     std::int64_t size = 0;
-    std::string md5;                // hex, taken at enqueue
-    std::int64_t enqueued = 0;      // seconds since the epoch
-    std::int64_t nextAttempt = 0;   // seconds since the epoch
-    int attempts = 0;               // uploads started
-    bool inDoubt = false;           // may already be stored: checked before it is sent again
-    int errorCode = 0;              // the last failure's, as FileUploader reported it
+    std::string md5;              // hex, taken at enqueue
+    std::int64_t enqueued = 0;    // seconds since the epoch
+    std::int64_t nextAttempt = 0; // seconds since the epoch
+    int attempts = 0;             // uploads started
+    bool inDoubt = false;         // may already be stored: checked before it is sent again
+    int errorCode = 0;            // the last failure's, as FileUploader reported it
     std::string errorMessage;
 };
 
@@ -106,7 +106,7 @@ struct RESTCLIENT_EXPORT QueueEntry {
 enum class EntryOutcome { delivered, failed, expired, dropped };
 
 struct RESTCLIENT_EXPORT QueueCounts {
-    std::uint64_t pending = 0, sending = 0, failed = 0; // in the journal now
+    std::uint64_t pending = 0, sending = 0, failed = 0;    // in the journal now
     std::uint64_t delivered = 0, expired = 0, dropped = 0; // since the spool was made
     std::uint64_t spoolBytes = 0;
 };
