@@ -23,13 +23,14 @@ TEST(RandomFaults, TextFormReadsWhatItWritesAndRefusesBadItemsWhole)
 {
     RandomFaults const faults =
         parsed("drop=0.5,stall=0.25,stall-ms=40,5xx=1,401=0,expired-url=0.125,drop-after-body=0.0625,"
-               "seed=18446744073709551615");
+               "spare=locations,seed=18446744073709551615");
     EXPECT_EQ(faults.drop, 0.5);
     EXPECT_EQ(faults.stall, 0.25);
     EXPECT_EQ(faults.stallMax.count(), 40);
     EXPECT_EQ(faults.serverError, 1.0);
     EXPECT_EQ(faults.expiredUrl, 0.125);
     EXPECT_EQ(faults.dropAfterBody, 0.0625);
+    EXPECT_EQ(faults.spare, "locations");
     EXPECT_EQ(faults.seed, 18446744073709551615u);
     EXPECT_EQ(formatRandomFaults(parsed(formatRandomFaults(faults))), formatRandomFaults(faults));
     EXPECT_EQ(formatRandomFaults(parsed("")), formatRandomFaults(RandomFaults{}));
@@ -98,6 +99,10 @@ TEST(RandomFaultsOnTheWire, EachKindHitsTheRequestsItIsForAndControlRequestsNeve
         {"401=1", verb::post, "/oauth/token", tokenForm, 200, FaultDice::unauthorized, 0},
         {"expired-url=1", verb::get, "/account/v1/rest/accounts/current", {}, 200, FaultDice::expiredUrl, 0},
         {"drop-after-body=1", verb::get, "/account/v1/rest/accounts/current", {}, 200, FaultDice::dropAfterBody, 0},
+        {"drop=1,spare=locations", verb::get, "/locator/rest/locations/ACCOUNT", {}, 200, FaultDice::drop, 0},
+        {"5xx=1,spare=locations", verb::get, "/locator/rest/locations/ACCOUNT", {}, 200, FaultDice::serverError, 0},
+        {"401=1,spare=locations", verb::get, "/locator/rest/locations/ACCOUNT", {}, 200, FaultDice::unauthorized, 0},
+        {"401=1,spare=locations", verb::get, "/account/v1/rest/accounts/current", {}, 401, FaultDice::unauthorized, 1},
     };
     for (WireCase const& c : cases) {
         SCOPED_TRACE(std::string(c.faults) + " " + c.path);

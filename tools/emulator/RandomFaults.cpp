@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <sstream>
 
@@ -40,6 +41,10 @@ bool setMember(RandomFaults& faults, std::string const& name, std::string const&
         faults.stallMax = std::chrono::milliseconds(milliseconds);
         return true;
     }
+    if (name == "spare") {
+        faults.spare = text;
+        return true;
+    }
     if (name == "seed") {
         if (!readNumber(text, faults.seed)) {
             error = fmt::format("\"seed\" must be a whole number, not \"{}\"", text);
@@ -47,8 +52,8 @@ bool setMember(RandomFaults& faults, std::string const& name, std::string const&
         }
         return true;
     }
-    error =
-        fmt::format("unknown fault \"{}\" (drop, stall, stall-ms, 5xx, 401, expired-url, drop-after-body, seed)", name);
+    error = fmt::format(
+        "unknown fault \"{}\" (drop, stall, stall-ms, 5xx, 401, expired-url, drop-after-body, spare, seed)", name);
     return false;
 }
 
@@ -72,9 +77,9 @@ bool parseRandomFaults(std::string const& text, RandomFaults& faults, std::strin
 
 std::string formatRandomFaults(RandomFaults const& faults)
 {
-    return fmt::format("drop={},stall={},stall-ms={},5xx={},401={},expired-url={},drop-after-body={},seed={}",
+    return fmt::format("drop={},stall={},stall-ms={},5xx={},401={},expired-url={},drop-after-body={},spare={},seed={}",
                        faults.drop, faults.stall, faults.stallMax.count(), faults.serverError, faults.unauthorized,
-                       faults.expiredUrl, faults.dropAfterBody, faults.seed);
+                       faults.expiredUrl, faults.dropAfterBody, faults.spare, faults.seed);
 }
 
 char const* FaultDice::name(Kind kind)
@@ -103,6 +108,12 @@ FaultDice::Counts FaultDice::injected() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_injected;
+}
+
+bool FaultDice::spares(std::vector<std::string> const& segments) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return !m_faults.spare.empty() && std::find(segments.begin(), segments.end(), m_faults.spare) != segments.end();
 }
 
 std::optional<Fault> FaultDice::transportFault()

@@ -6,6 +6,7 @@
 //
 // Written as text for the program's --faults flag and the control interface:
 //   drop=0.02,stall=0.02,stall-ms=2000,5xx=0.02,401=0.02,expired-url=0.01,drop-after-body=0.02,seed=7
+// and "spare=locations" keeps them off the requests with that path segment (here the Locator's).
 #pragma once
 
 #include <tools/emulator/HttpServer.h>
@@ -17,6 +18,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace tavix::emulator {
 
@@ -27,8 +29,10 @@ struct RandomFaults {
     double serverError = 0;                   // "5xx": 503 with the service's error document
     double unauthorized = 0;                  // "401": refuse the bearer token of a route that takes one
     double expiredUrl = 0;                    // "expired-url": a store request is given an upload URL that has expired
-    double dropAfterBody = 0; // "drop-after-body": an upload's body is stored, then the connection closes unanswered
-    std::uint64_t seed = 0;   // "seed"
+    // "drop-after-body": an upload's body is stored, then the connection closes unanswered
+    double dropAfterBody = 0;
+    std::uint64_t seed = 0; // "seed"
+    std::string spare;      // "spare": a path segment whose requests take no fault
 };
 
 // Sets the members that `text` names ("" names none). False with `error` set on an unknown
@@ -52,6 +56,8 @@ public:
 
     // One draw for a transport fault: a drop, a stall with its pause, or none.
     std::optional<Fault> transportFault();
+    // Whether a request with these path segments is spared every fault (no draw is made for it).
+    bool spares(std::vector<std::string> const& segments) const;
     // One draw for `kind` (5xx, 401, expired-url or drop-after-body): true when it is to be given.
     bool roll(Kind kind);
 

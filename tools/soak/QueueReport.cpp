@@ -60,22 +60,25 @@ bool printQueueReport(QueueSummary const& summary, std::ostream& out)
                        verification.withoutBody)
         << fmt::format("{:<32}{:>8} pending, {} sending, {} failed\n", "left in the journal", counts.pending,
                        counts.sending, counts.failed)
-        << fmt::format("{:<32}{:>8} bytes at the start, {} at the end ({} and {} in files beside the journal)\n",
-                       "spool's held bytes", summary.spoolBytesStart, counts.spoolBytes, summary.heldFilesStart,
-                       summary.heldFilesEnd)
+        << fmt::format("{:<32}{:>8} at the start, {} at the end (on disk: {} and {})\n", "spool's held bytes",
+                       summary.spoolBytesStart, counts.spoolBytes, summary.heldFilesStart, summary.heldFilesEnd)
         << fmt::format("{:<32}{:>8} ({} at random moments, {} after 20 s without a delivery)\n",
                        "runner kills survived", summary.kills + summary.stallKills, summary.kills, summary.stallKills)
         << fmt::format("{:<32}{:>8} ({} SIGKILL, {} SIGTERM)\n", "emulator restarts",
                        summary.emulatorKills + summary.emulatorStops, summary.emulatorKills, summary.emulatorStops)
-        << fmt::format("{:<32}{}\n", "faults injected", injected)
-        << fmt::format("{:<32}{:>6.0f} s for the first {} files (under kills), {:.0f} s for the last {}\n",
+        << fmt::format("{:<32}{}\n", "faults injected", injected);
+    if (summary.inDoubt)
+        out << fmt::format("{:<32}{:>8} ({} of them already stored: not sent again)\n", "in doubt after a kill",
+                           summary.inDoubt->first, summary.inDoubt->second);
+    out << fmt::format("{:<32}{:>6.0f} s for the first {} files (under kills), {:.0f} s for the last {} (one runner, "
+                       "after a warm-up of {})\n",
                        "time to drain", summary.drainUnderKills, summary.underKills, summary.drainSteady,
-                       files.size() - std::size_t(summary.underKills));
+                       files.size() - std::size_t(summary.underKills + summary.warmUp), summary.warmUp);
 
     std::vector<ProcessFigures> const& lives = summary.afterRestarts;
     ProcessFigures const& start = summary.steadyStart;
     ProcessFigures const& end = summary.steadyEnd;
-    out << fmt::format("\n{:<24}{:>16}{:>14}{:>14}\n", "the runner process", fmt::format("{} restarts", lives.size()),
+    out << fmt::format("\n{:<24}{:>16}{:>14}{:>14}\n", "the runner process", fmt::format("{} starts", lives.size()),
                        "steady start", "steady end")
         << fmt::format("{:<24}{:>16}{:>14}{:>14}\n", "threads", range(lives, [](auto& f) { return f.threads; }),
                        start.threads, end.threads)

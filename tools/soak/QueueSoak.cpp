@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <future>
 #include <map>
 #include <memory>
@@ -33,7 +34,8 @@ using restclient::storage::QueueError;
 using restclient::storage::UploadQueue;
 
 constexpr std::chrono::seconds kStallKill{20};
-constexpr std::chrono::seconds kSettled{3};
+// A runner this long after its start has recovered its spool and is sending.
+constexpr std::chrono::milliseconds kSettled{500};
 
 double secondsSince(Clock::time_point began) { return std::chrono::duration<double>(Clock::now() - began).count(); }
 
@@ -63,6 +65,24 @@ void enqueueOne(UploadQueue& queue, QueueSoakOptions const& options, QueuedFile&
     }
     if (record.id == 0) record.error = ec.message() + (detail.empty() ? "" : ": " + detail);
     fs::remove(path);
+}
+
+// What the runners' log says they did about entries in doubt: how many a start found left
+// sending, and how many of those the Storage service already held. Nullopt without the log.
+std::optional<std::pair<long, long>> inDoubtFigures(fs::path const& log)
+{
+    std::ifstream in(log.string());
+    if (!in) return std::nullopt;
+    std::pair<long, long> figures{0, 0};
+    std::string const recovered = " entries were being sent when their runner stopped";
+    for (std::string line; std::getline(in, line);) {
+        if (auto const at = line.find(recovered); at != std::string::npos) {
+            auto const start = line.rfind(' ', at - 1) + 1;
+            figures.first += std::strtol(line.c_str() + start, nullptr, 10);
+        }
+        if (line.find("is already stored: not sent again") != std::string::npos) ++figures.second;
+    }
+    return figures;
 }
 
 class QueueSoak {
@@ -104,6 +124,7 @@ public:
         if (!m_emulator.stop())
             m_summary.emulatorFailure = "it did not exit cleanly: see " + (m_options.work / "emulator.out").string();
         m_summary.verification = verifyQueue(m_files, m_options.seed, m_emulator.dataDirectory());
+        if (!m_options.runnerLogConfig.empty()) m_summary.inDoubt = inDoubtFigures(m_options.work / "runner.log");
         m_summary.seed = m_options.seed;
         m_summary.concurrency = m_options.concurrency;
         m_summary.files = &m_files;
@@ -128,15 +149,14 @@ private:
         });
     }
 
-    // The bytes of the spool's files other than the journal's: what it holds on disk.
+    // The bytes of the files the spool holds (its files/ directory, beside the journal).
     std::uint64_t heldFileBytes() const
     {
         std::uint64_t bytes = 0;
-        for (fs::recursive_directory_iterator it(m_options.work / "spool"), end; it != end; ++it) {
-            std::string const name = it->path().filename().string();
-            if (fs::is_regular_file(it->status()) && name.find("journal") == std::string::npos)
-                bytes += fs::file_size(it->path());
-        }
+        fs::path const held = m_options.work / "spool" / "files";
+        if (!fs::exists(held)) return 0;
+        for (fs::recursive_directory_iterator it(held), end; it != end; ++it)
+            if (fs::is_regular_file(it->status())) bytes += fs::file_size(it->path());
         return bytes;
     }
 
@@ -148,8 +168,9 @@ private:
         m_sampled = false;
     }
 
-    // Polls the queue until the producer is done and no entry is pending or sending, calling
-    // `tick` with the counts on the way; past the deadline, records the problem and gives up.
+    // Polls the queue, calling `tick` with its counts, until the producer is done, no entry is
+    // pending or sending and `tick` has nothing more to do (returns false); past the deadline,
+    // records the problem and gives up.
     template <typename Tick>
     void drain(std::future<void>& producer, char const* stretch, Tick tick)
     {
@@ -157,13 +178,13 @@ private:
         for (;;) {
             QueueCounts const counts = m_queue->counts();
             bool const produced = producer.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-            if (produced && counts.pending == 0 && counts.sending == 0) break;
+            bool const moreToDo = tick(counts);
+            if (produced && counts.pending == 0 && counts.sending == 0 && !moreToDo) break;
             if (Clock::now() > deadline) {
                 m_summary.problems.push_back(fmt::format("{}: {} pending and {} sending after {} minutes", stretch,
                                                          counts.pending, counts.sending, m_options.deadline.count()));
                 break;
             }
-            tick(counts);
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
         producer.get();
@@ -172,9 +193,10 @@ private:
     void underKills()
     {
         int const files = m_plan.underKills;
-        std::vector<std::uint64_t> const kills = progressPoints(m_moments, m_plan.kills, 1, files - 1);
+        // Within the first 85 %, so that they come while there is work to interrupt.
+        std::vector<std::uint64_t> const kills = progressPoints(m_moments, m_plan.kills, 1, files * 85 / 100);
         std::vector<std::uint64_t> const restarts =
-            progressPoints(m_moments, m_plan.emulatorRestarts, files / 10, files * 9 / 10);
+            progressPoints(m_moments, m_plan.emulatorRestarts, files / 10, files * 85 / 100);
         std::size_t nextKill = 0, nextRestart = 0;
         std::uint64_t delivered = 0;
         auto progressed = Clock::now();
@@ -216,6 +238,7 @@ private:
                                      secondsSince(began), delivered, files, m_reported, nextRestart)
                       << std::flush;
             }
+            return nextKill < kills.size() || nextRestart < restarts.size();
         });
         m_summary.drainUnderKills = secondsSince(began);
     }
@@ -224,7 +247,8 @@ private:
     {
         int const first = m_plan.underKills;
         int const count = m_options.files - first;
-        int const warmUp = std::min(count, int(m_options.concurrency) * 2);
+        int const warmUp = std::min(count, int(m_options.concurrency));
+        m_summary.warmUp = warmUp;
         m_out << fmt::format("steady: one runner, {} files without faults, then {} with them\n", warmUp, count - warmUp)
               << std::flush;
         m_emulator.setFaults("");
@@ -232,14 +256,14 @@ private:
         m_summary.runnerCleanStops += m_runner->stop() ? 1 : 0;
         m_runner->start();
         std::future<void> warming = produce(first, warmUp);
-        drain(warming, "warm-up", [](QueueCounts const&) {});
+        drain(warming, "warm-up", [](QueueCounts const&) { return false; });
         std::this_thread::sleep_for(std::chrono::seconds(1));
         m_summary.steadyStart = processFigures(m_runner->pid());
 
         m_emulator.setFaults(faults(m_plan.emulatorRestarts + 1));
         auto const began = Clock::now();
         std::future<void> producer = produce(first + warmUp, count - warmUp);
-        drain(producer, "steady", [](QueueCounts const&) {});
+        drain(producer, "steady", [](QueueCounts const&) { return false; });
         m_summary.drainSteady = secondsSince(began);
         m_summary.steadyEnd = settledFigures(m_summary.steadyStart);
         ++m_summary.runnerStops;
