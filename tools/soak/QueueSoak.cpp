@@ -221,9 +221,12 @@ private:
                 m_emulator.setFaults(faults(int(++nextRestart)));
                 progressed = Clock::now();
             } else if (nextKill < kills.size() && delivered >= kills[nextKill]) {
-                // At a random moment of whatever the runner is doing then.
-                std::this_thread::sleep_for(
-                    std::chrono::milliseconds(std::uniform_int_distribution<int>(0, 1500)(m_moments)));
+                // At a random moment of whatever the runner is doing then, and not before it has
+                // lived half a second to three: kills that come in a burst would find it
+                // recovering its spool, not sending.
+                std::chrono::milliseconds const life(std::uniform_int_distribution<int>(500, 3000)(m_moments));
+                std::chrono::milliseconds const wait(std::uniform_int_distribution<int>(0, 1000)(m_moments));
+                std::this_thread::sleep_for(std::max<Clock::duration>(wait, life - m_runner->age()));
                 restartRunner(m_summary.kills);
                 ++nextKill;
                 progressed = Clock::now();

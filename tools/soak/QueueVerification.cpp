@@ -36,10 +36,9 @@ QueueVerification verifyQueue(std::vector<QueuedFile> const& files, std::uint64_
         if (stored.size() == 1 && matching == 1) {
             ++result.storedOnce;
             result.bytesVerified += queued.file.size;
-        } else if (queued.id != 0) {
-            result.notStoredOnce.push_back(fmt::format("{}: {} of {} bodies hold its {} bytes with MD5 {}", name,
-                                                       matching, stored.size(), queued.file.size,
-                                                       queued.file.md5.hex()));
+        } else if (queued.id != 0 && (stored.empty() || matching < stored.size())) {
+            result.notStored.push_back(fmt::format("{}: {} of {} bodies hold its {} bytes with MD5 {}", name, matching,
+                                                   stored.size(), queued.file.size, queued.file.md5.hex()));
         }
     }
     for (auto const& [name, objects] : bodies)

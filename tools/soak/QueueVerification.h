@@ -29,8 +29,8 @@ struct QueueVerification {
     std::size_t withoutBody = 0; // objects whose transfer never ended: a store request, then a kill or a fault
     // Each a line saying what did not hold, for which file or object.
     std::vector<std::string> notEnqueued;
-    std::vector<std::string> notStoredOnce; // no body, or none with the file's size and MD5
-    std::vector<std::string> storedTwice;
+    std::vector<std::string> notStored;   // no body, or one without the file's size and MD5
+    std::vector<std::string> storedTwice; // more than one body
     std::vector<std::string> strayBodies; // a body under a name the soak never enqueued
 };
 
