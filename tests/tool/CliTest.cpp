@@ -1,6 +1,6 @@
 // The command-line tool run as a subprocess against the in-process emulator: what it prints,
-// the exit status and message of each failure class, and its progress display on a pipe and
-// on a terminal.
+// the exit status and message of each failure class, its progress display on a pipe and on a
+// terminal, and the upload queue's commands.
 #include <tests/support/ChildProcess.h>
 #include <tests/support/Json.h>
 #include <tests/support/RawPeer.h>
@@ -11,11 +11,15 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <optional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <poll.h>
@@ -337,6 +341,145 @@ TEST_F(CliTest, CtrlCInterruptsADownloadAndAnUpload)
     EXPECT_NE(upload.out.find("upload of " + file.string() + " interrupted"), std::string::npos) << upload.out;
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_TRUE(cloud.objects().empty() || cloud.objects()[0].contentLength == 0);
+}
+
+class CliQueueTest : public CliTest {
+protected:
+    Result queue(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), "queue");
+        args.insert(args.end(), {"--spool", spool});
+        return tool(std::move(args));
+    }
+
+    // The id `queue add` printed.
+    std::int64_t add(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), "add");
+        Result const r = queue(std::move(args));
+        EXPECT_EQ(r.status, 0) << r.err;
+        return std::atoll(r.out.c_str());
+    }
+
+    std::string const spool = (dir / "spool").string();
+};
+
+TEST_F(CliQueueTest, AddListAndStatsAgreeAndTheSettingsNameTheSpool)
+{
+    std::int64_t const copied = add({path("a.log", "first"), "--type", "log", "--meta", "origin=test"});
+    std::int64_t const referenced = add({path("b.bin", "second!"), "--name", "named.bin", "--hold", "reference"});
+    EXPECT_GT(copied, 0);
+    EXPECT_NE(copied, referenced);
+
+    Result const listed = queue({"list", "--json"});
+    ASSERT_EQ(listed.status, 0) << listed.err;
+    Json::Value const entries = json(listed.out);
+    ASSERT_EQ(entries.size(), 2u) << listed.out;
+    Json::Value const& a = entries[0]["id"].asInt64() == copied ? entries[0] : entries[1];
+    Json::Value const& b = entries[0]["id"].asInt64() == copied ? entries[1] : entries[0];
+    EXPECT_EQ(a["name"].asString(), "a.log");
+    EXPECT_EQ(a["type"].asString(), "log");
+    EXPECT_EQ(a["metadata"]["origin"].asString(), "test");
+    EXPECT_EQ(a["hold"].asString(), "copy");
+    EXPECT_EQ(a["state"].asString(), "pending");
+    EXPECT_EQ(a["size"].asInt64(), 5);
+    EXPECT_EQ(b["name"].asString(), "named.bin");
+    EXPECT_EQ(b["type"].asString(), "project");
+    EXPECT_EQ(b["hold"].asString(), "reference");
+    EXPECT_EQ(b["size"].asInt64(), 7);
+
+    EXPECT_EQ(json(queue({"list", "--state", "failed", "--json"}).out).size(), 0u);
+    Result const table = queue({"list"});
+    EXPECT_NE(table.out.find("NEXT ATTEMPT"), std::string::npos) << table.out;
+    EXPECT_NE(table.out.find("named.bin"), std::string::npos) << table.out;
+
+    // The spool from the settings when no --spool is given; neither: a usage error.
+    config.write(cloud.controllerSettings() + "\nqueue_spool = " + spool + "\n");
+    Result const stats = tool({"--json", "queue", "stats"});
+    ASSERT_EQ(stats.status, 0) << stats.err;
+    EXPECT_EQ(json(stats.out)["pending"].asUInt(), 2u);
+    EXPECT_EQ(json(stats.out)["delivered"].asUInt(), 0u);
+    config.write(cloud.controllerSettings());
+    Result const none = tool({"queue", "stats"});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_NE(none.err.find("no spool"), std::string::npos) << none.err;
+}
+
+TEST_F(CliQueueTest, RunOnceDeliversEveryEntryToTheStorageService)
+{
+    std::string const small = path("small.bin", std::string(1000, 's'));
+    writeFile(300 * 1024);
+    std::int64_t const first = add({small});
+    std::int64_t const second = add({file.string(), "--type", "log"});
+    Result const r = queue({"run", "--once", "--rate", "4M", "--concurrency", "1"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("delivered " + std::to_string(first) + " small.bin (1000 bytes)"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("delivered " + std::to_string(second) + " upload.bin"), std::string::npos) << r.out;
+
+    auto objects = cloud.objects();
+    ASSERT_EQ(objects.size(), 2u);
+    std::sort(objects.begin(), objects.end(), [](auto const& x, auto const& y) { return x.name < y.name; });
+    EXPECT_EQ(objects[0].name, "small.bin");
+    EXPECT_EQ(objects[0].contentLength, 1000u);
+    EXPECT_EQ(objects[1].type, "log");
+    EXPECT_EQ(objects[1].contentLength, 300u * 1024);
+    Json::Value const stats = json(queue({"stats", "--json"}).out);
+    EXPECT_EQ(stats["delivered"].asUInt(), 2u);
+    EXPECT_EQ(stats["pending"].asUInt(), 0u);
+}
+
+// A referenced file that changed fails for good; --follow ends cleanly on SIGTERM.
+TEST_F(CliQueueTest, AFailureForGoodFailsRunOnceAndRetryOrDropBringsItBack)
+{
+    std::string const held = path("held.bin", "as it was");
+    std::int64_t const id = add({held, "--hold", "reference"});
+    path("held.bin", "changed since");
+    Result const once = queue({"run", "--once"});
+    EXPECT_EQ(once.status, 5) << once.err;
+    EXPECT_NE(once.out.find("failed " + std::to_string(id) + " held.bin: error"), std::string::npos) << once.out;
+    EXPECT_NE(once.err.find("entries failed for good: 1"), std::string::npos) << once.err;
+    EXPECT_EQ(json(queue({"list", "--state", "failed", "--json"}).out).size(), 1u);
+
+    EXPECT_EQ(queue({"retry", "--failed"}).status, 0);
+    EXPECT_EQ(json(queue({"list", "--state", "pending", "--json"}).out).size(), 1u);
+    EXPECT_EQ(queue({"drop", std::to_string(id)}).status, 0);
+    EXPECT_EQ(json(queue({"stats", "--json"}).out)["dropped"].asUInt(), 1u);
+
+    add({path("late.bin", "sent while following")});
+    ChildProcess follow({RESTCLIENT_TOOL, "--token-file", tokenFile, "queue", "run", "--follow", "--spool", spool});
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (follow.out().find("delivered") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(follow.stop(), 0) << follow.err();
+    EXPECT_NE(follow.out().find("delivered"), std::string::npos) << follow.out();
+    EXPECT_EQ(cloud.objects().size(), 1u);
+    EXPECT_NE(follow.err().find("stopped by SIGTERM"), std::string::npos) << follow.err();
+}
+
+TEST_F(CliQueueTest, UnknownEntriesAndBadValuesAreUsageErrors)
+{
+    struct Case {
+        char const* what;
+        std::vector<std::string> args;
+        std::string message;
+        bool queueError; // said on one line
+    } const cases[] = {
+        {"retry of an unknown id", {"retry", "999"}, "queue retry 999: ", true},
+        {"drop of an unknown id", {"drop", "999"}, "queue drop 999: ", true},
+        {"retry of nothing", {"retry"}, "give an entry's ID or --failed", false},
+        {"bad hold mode", {"add", path("x", "x"), "--hold", "borrow"}, "--hold", false},
+        {"bad rate", {"run", "--once", "--rate", "fast"}, "--rate 'fast' (queue_rate)", false},
+    };
+    for (Case const& c : cases) {
+        Result const r = queue(c.args);
+        EXPECT_EQ(r.status, 2) << c.what << ": " << r.err;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.what << ": " << r.err;
+        if (c.queueError) {
+            EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << c.what << ": " << r.err;
+        }
+    }
+    EXPECT_TRUE(cloud.objects().empty());
 }
 
 } // namespace

@@ -11,13 +11,16 @@ namespace tavix::cli {
 char const* const kExitStatusHelp =
     "Exit status:\n"
     "  0  success\n"
-    "  1  local failure: a file cannot be read or written, or the tool itself failed\n"
-    "  2  bad usage: unknown command or option, missing argument, unusable settings or URL\n"
+    "  1  local failure: a file or the queue's spool cannot be read or written, or the tool itself failed\n"
+    "  2  bad usage: unknown command or option, missing argument, unusable settings or URL, no such queue entry\n"
     "  3  transport failure: no answer (not sent, no connection, TLS, time-out)\n"
     "  4  the service answered with an error document (status other than 200) or a malformed answer\n"
-    "  5  the upload failed (the uploader's error code and message on stderr)\n"
+    "  5  the upload failed (the uploader's error code and message on stderr), or an entry failed for good\n"
+    "     during queue run --once\n"
     "  6  the controller could not be authenticated\n"
-    "  130, 143  an upload or download interrupted by SIGINT or SIGTERM (partial files removed)\n"
+    "  7  the queue's spool is busy: another runner sends from it, or another process holds its journal\n"
+    "  130, 143  an upload, download or queue run --once interrupted by SIGINT or SIGTERM (partial files\n"
+    "     removed, queue entries kept)\n"
     "Failures print the library's error code and message on stderr.";
 
 namespace {

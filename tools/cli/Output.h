@@ -16,12 +16,13 @@ namespace tavix::cli {
 
 enum Exit : int {
     ok = 0,
-    localFailure = 1, // a local file cannot be read or written
-    badUsage = 2,     // the command line, the settings or a URL in them is unusable
+    localFailure = 1, // a local file or the queue's spool cannot be read or written
+    badUsage = 2,     // the command line, the settings or a URL in them is unusable; no such queue entry
     transport = 3,    // no answer: not sent, no connection, TLS, time-out
     serviceError = 4, // the service answered with an error document or a malformed answer
     uploadFailed = 5, // the uploader finished with an error code
     authFailed = 6,   // the controller could not be authenticated
+    spoolBusy = 7,    // another queue runner sends from the spool, or another process holds its journal
 };
 
 // The table of exit statuses for the help text.

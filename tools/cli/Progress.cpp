@@ -13,14 +13,6 @@ namespace {
 constexpr std::chrono::milliseconds kRedraw{200};
 constexpr int kBarWidth = 30;
 
-std::string size(double bytes)
-{
-    char const* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-    int unit = 0;
-    for (; bytes >= 1024 && unit < 4; ++unit) bytes /= 1024;
-    return unit == 0 ? fmt::format("{:.0f} B", bytes) : fmt::format("{:.1f} {}", bytes, units[unit]);
-}
-
 std::string duration(double seconds)
 {
     auto const s = static_cast<long long>(seconds + 0.5);
@@ -30,6 +22,20 @@ std::string duration(double seconds)
 }
 
 } // namespace
+
+std::string byteSize(double bytes)
+{
+    char const* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    int unit = 0;
+    for (; bytes >= 1024 && unit < 4; ++unit) bytes /= 1024;
+    return unit == 0 ? fmt::format("{:.0f} B", bytes) : fmt::format("{:.1f} {}", bytes, units[unit]);
+}
+
+std::string progressBar(std::int64_t done, std::int64_t total, int width)
+{
+    int const filled = total > 0 ? static_cast<int>(std::clamp<std::int64_t>(done * width / total, 0, width)) : 0;
+    return "[" + std::string(filled, '#') + std::string(width - filled, '-') + "]";
+}
 
 Progress::Progress(std::string label, std::chrono::milliseconds lineInterval)
     : m_label(std::move(label)), m_terminal(::isatty(STDERR_FILENO) == 1), m_lineInterval(lineInterval),
@@ -66,21 +72,15 @@ std::string Progress::describe(std::int64_t done, std::int64_t total, std::strin
 
     double const seconds = std::chrono::duration<double>(Clock::now() - (m_started ? m_firstByte : m_begin)).count();
     double const rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
-    std::string text = m_label + (m_terminal ? " " + bar(done, total) : ":");
+    std::string text = m_label + (m_terminal ? " " + progressBar(done, total, kBarWidth) : ":");
     if (total > 0) text += fmt::format(" {:3}%", done * 100 / total);
-    text += m_terminal ? fmt::format(" {} of {}", size(done), total > 0 ? size(total) : "?")
+    text += m_terminal ? fmt::format(" {} of {}", byteSize(done), total > 0 ? byteSize(total) : "?")
                        : fmt::format(" {} of {} bytes", done, total > 0 ? std::to_string(total) : "?");
-    if (final) return text + ", " + size(rate) + "/s, done in " + duration(seconds);
+    if (final) return text + ", " + byteSize(rate) + "/s, done in " + duration(seconds);
     if (done == 0 || seconds < 0.5) return text; // no rate worth telling yet
-    text += ", " + size(rate) + "/s";
+    text += ", " + byteSize(rate) + "/s";
     if (total > 0 && rate > 0) text += ", " + duration(static_cast<double>(total - done) / rate) + " left";
     return text;
-}
-
-std::string Progress::bar(std::int64_t done, std::int64_t total) const
-{
-    int const filled = total > 0 ? static_cast<int>(std::min<std::int64_t>(done * kBarWidth / total, kBarWidth)) : 0;
-    return "[" + std::string(filled, '#') + std::string(kBarWidth - filled, '-') + "]";
 }
 
 } // namespace tavix::cli

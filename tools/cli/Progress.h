@@ -8,6 +8,11 @@
 
 namespace tavix::cli {
 
+// "512 B", "1.5 MiB": a byte count for people.
+std::string byteSize(double bytes);
+// "[###-------]": `done` of `total` in `width` cells.
+std::string progressBar(std::int64_t done, std::int64_t total, int width);
+
 class Progress {
 public:
     // `label` begins each line ("upload", "download").
@@ -25,7 +30,6 @@ private:
     using Clock = std::chrono::steady_clock;
 
     std::string describe(std::int64_t done, std::int64_t total, std::string const& stage, bool final);
-    std::string bar(std::int64_t done, std::int64_t total) const;
 
     std::string m_label;
     bool m_terminal;

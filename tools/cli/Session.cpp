@@ -8,6 +8,7 @@
 #include <boost/algorithm/string/trim.hpp>
 
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <utility>
@@ -15,6 +16,13 @@
 namespace tavix::cli {
 
 using namespace tavix::restclient;
+
+namespace {
+
+// What a given token is taken to last: a command is over long before.
+constexpr long kGivenTokenSeconds = 24 * 3600;
+
+} // namespace
 
 Exit split(std::string const& url, Address& a)
 {
@@ -26,14 +34,23 @@ Exit Session::begin()
     if (Exit const e = readToken(); e != ok) return e;
     if (!options.config.empty()) controller::Settings::useFile(options.config);
     // The flags go over the file's values for this process, the library's own reads included.
-    std::pair<char const*, std::string const&> const flags[] = {{"locator_url", options.locatorUrl},
-                                                                {"auth_url", options.authUrl},
-                                                                {"ca_file", options.caFile},
-                                                                {"client_cert_file", options.clientCert}};
-    for (auto const& [key, value] : flags) {
-        if (value.empty()) continue;
-        if (auto const bad = controller::Settings::set(key, value)) {
-            return fail(badUsage, std::string("settings: ") + key + ": " + bad.message());
+    struct Flag {
+        char const* name;
+        char const* key;
+        std::string const& value;
+    } const flags[] = {{"--locator-url", "locator_url", options.locatorUrl},
+                       {"--auth-url", "auth_url", options.authUrl},
+                       {"--ca-file", "ca_file", options.caFile},
+                       {"--client-cert", "client_cert_file", options.clientCert},
+                       {"--spool", "queue_spool", options.queueSpool},
+                       {"--rate", "queue_rate", options.queueRate},
+                       {"--concurrency", "queue_concurrency", options.queueConcurrency}};
+    for (Flag const& flag : flags) {
+        if (flag.value.empty()) continue;
+        if (auto const bad = controller::Settings::set(flag.key, flag.value)) {
+            return fail(badUsage,
+                        std::string("settings: ") + flag.name + " '" + flag.value + "' (" + flag.key
+                            + "): " + bad.message());
         }
     }
     boost::system::error_code ec;
@@ -91,6 +108,13 @@ Exit Session::token(std::string& token)
     }
     token = m_token;
     return ok;
+}
+
+void Session::storeGivenToken() const
+{
+    if (options.token.empty()) return;
+    controller::OAuthHelper::Instance().SetAuthToken(options.appKey, options.token, "Bearer", "", std::time(nullptr),
+                                                     kGivenTokenSeconds);
 }
 
 Exit Session::locatorUrl(std::string& url) const

@@ -26,7 +26,8 @@ struct Options {
     std::string token; // --token, else the first line of --token-file, else $RESTCLIENT_TOKEN
     std::string tokenFile;
     std::string appKey = kDefaultAppKey;
-    double progressSeconds = 5; // between plain progress lines when stderr is not a terminal
+    std::string queueSpool, queueRate, queueConcurrency; // queue_spool, queue_rate, queue_concurrency
+    double progressSeconds = 5;                          // between plain progress lines when stderr is not a terminal
 };
 
 // A service URL cut into the pieces the host-and-port clients take, as the uploader cuts it.
@@ -50,6 +51,9 @@ public:
     static Exit authenticate(std::string const& appKey);
     // --token, else a token for --app-key.
     Exit token(std::string& token);
+    // Puts a given token in the process's token store under the app key, where the uploader
+    // looks for it; without one the uploader authenticates itself.
+    void storeGivenToken() const;
 
     Exit location(std::string const& service, restclient::locator::LocationResponse& response);
     // The URL the locator gives for `service`, unless `given` already names one.

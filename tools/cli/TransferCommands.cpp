@@ -5,8 +5,6 @@
 #include <restclient/detail/CurlProxy.h>
 #include <restclient/storage/FileUploader.h>
 
-#include <tavix/controller/OAuthHelper.h>
-
 #include <boost/filesystem/path.hpp>
 #include <curl/curl.h>
 
@@ -15,7 +13,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <map>
 #include <memory>
 
@@ -29,14 +26,12 @@ namespace {
 
 using namespace tavix::restclient;
 
-// What a token given with --token is taken to last: the upload is over long before.
-constexpr long kGivenTokenSeconds = 24 * 3600;
 // How soon a Ctrl-C is heard while a transfer runs.
 constexpr std::chrono::milliseconds kInterruptCheck{200};
 constexpr int kCancelled = 49;
 
 struct UploadArgs {
-    std::string file, name, type = "project";
+    std::string file, name, type = kDefaultUploadType;
     std::vector<std::string> meta;
     long stallSeconds = 60;
 };
@@ -68,17 +63,9 @@ std::chrono::milliseconds lineInterval(Options const& options)
 Exit upload(Session& session, UploadArgs const& args)
 {
     std::map<std::string, std::string> metadata;
-    for (std::string const& pair : args.meta) {
-        auto const eq = pair.find('=');
-        if (eq == std::string::npos || eq == 0) return fail(badUsage, "--meta takes key=value, not '" + pair + "'");
-        metadata[pair.substr(0, eq)] = pair.substr(eq + 1);
-    }
+    if (Exit const e = parseMetadata(args.meta, metadata); e != ok) return e;
     Options const& options = session.options;
-    // The uploader takes its token from the token store: a given one goes there first.
-    if (!options.token.empty()) {
-        controller::OAuthHelper::Instance().SetAuthToken(options.appKey, options.token, "Bearer", "",
-                                                         std::time(nullptr), kGivenTokenSeconds);
-    }
+    session.storeGivenToken();
     boost::filesystem::path const path(args.file);
     std::string const name = args.name.empty() ? path.filename().string() : args.name;
 
@@ -235,6 +222,16 @@ Exit download(Session& session, DownloadArgs const& args)
 }
 
 } // namespace
+
+Exit parseMetadata(std::vector<std::string> const& pairs, std::map<std::string, std::string>& metadata)
+{
+    for (std::string const& pair : pairs) {
+        auto const eq = pair.find('=');
+        if (eq == std::string::npos || eq == 0) return fail(badUsage, "--meta takes key=value, not '" + pair + "'");
+        metadata[pair.substr(0, eq)] = pair.substr(eq + 1);
+    }
+    return ok;
+}
 
 void addTransferCommands(CLI::App& app, Session& session, Run& run)
 {

@@ -57,6 +57,7 @@ int main(int argc, char** argv)
     addServiceCommands(app, session, run);
     addStorageCommands(app, session, run);
     addTransferCommands(app, session, run);
+    addQueueCommands(app, session, run);
     app.footer(kExitStatusHelp);
     for (CLI::App* sub : app.get_subcommands({})) sub->footer(kExitStatusHelp);
 

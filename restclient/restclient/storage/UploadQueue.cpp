@@ -337,17 +337,21 @@ void UploadQueue::State::slot()
     try {
         while (!isStopping()) {
             expireOld();
+            // Busy from before the claim: an entry the journal already says is sending would
+            // otherwise be counted nowhere, and waitIdle could report idle in between.
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                ++busy;
+            }
             boost::system::error_code ec;
             auto claimed = journal->claimDue(now(), options.order, ec);
             if (!claimed) {
                 if (ec) WORKER_LOG_WARN("[UploadQueue] The journal cannot be read now: " << ec.message());
                 std::unique_lock<std::mutex> lock(mutex);
+                --busy;
+                changed.notify_all();
                 wake.wait_for(lock, kPoll, [this] { return stopping; });
                 continue;
-            }
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                ++busy;
             }
             process(std::move(*claimed));
             {
