@@ -26,8 +26,7 @@ struct QueueSummary {
     double drainSteady = 0;     // the same for the rest after the warm-up, with one runner
     int warmUp = 0;
     int killsPlanned = 0;
-    int kills = 0;      // at the random moments planned
-    int stallKills = 0; // after 20 s without a delivery
+    int kills = 0;
     int emulatorKills = 0, emulatorStops = 0;
     Json::Value faultReport;
     restclient::storage::QueueCounts counts;            // at the end
