@@ -40,16 +40,6 @@ constexpr std::chrono::seconds kLookupDone{2};
 
 double secondsSince(Clock::time_point began) { return std::chrono::duration<double>(Clock::now() - began).count(); }
 
-// `count` points of the progress from `low` to `high` (files delivered), in order.
-std::vector<std::uint64_t> progressPoints(std::mt19937_64& generator, int count, int low, int high)
-{
-    std::uniform_int_distribution<int> point(low, std::max(low, high));
-    std::vector<std::uint64_t> points;
-    for (int i = 0; i < count; ++i) points.push_back(std::uint64_t(point(generator)));
-    std::sort(points.begin(), points.end());
-    return points;
-}
-
 // Writes a file, hands it to the queue as its record says and deletes it: the queue holds its own.
 void enqueueOne(UploadQueue& queue, QueueSoakOptions const& options, QueuedFile& record)
 {
@@ -143,10 +133,15 @@ private:
         return (m_options.faults.empty() ? "" : m_options.faults + ",") + fmt::format("seed={}", m_options.seed + run);
     }
 
-    std::future<void> produce(int first, int count)
+    // Enqueues files first .. first + count - 1 on a thread of its own, one every `interval`.
+    std::future<void> produce(int first, int count, Clock::duration interval = {})
     {
-        return std::async(std::launch::async, [this, first, count] {
-            for (int i = first; i < first + count; ++i) enqueueOne(*m_queue, m_options, m_files[std::size_t(i)]);
+        return std::async(std::launch::async, [this, first, count, interval] {
+            auto const began = Clock::now();
+            for (int i = 0; i < count; ++i) {
+                std::this_thread::sleep_until(began + i * interval);
+                enqueueOne(*m_queue, m_options, m_files[std::size_t(first + i)]);
+            }
         });
     }
 
@@ -203,48 +198,45 @@ private:
     void underKills()
     {
         int const files = m_plan.underKills;
-        // Within the first 85 %, so that they come while there is work to interrupt.
-        std::vector<std::uint64_t> const kills = progressPoints(m_moments, m_plan.kills, 1, files * 85 / 100);
-        std::vector<std::uint64_t> const restarts =
-            progressPoints(m_moments, m_plan.emulatorRestarts, files / 10, files * 85 / 100);
-        std::size_t nextKill = 0, nextRestart = 0;
-        std::uint64_t delivered = 0;
-        m_out << fmt::format("under kills: {} files, {} runner kills, {} emulator restarts\n", files, kills.size(),
-                             restarts.size())
+        // The runner lives 0.5 to 3 s, then is killed at whatever it is doing; the files come
+        // evenly over the time the kills take, so that each kill finds work under way.
+        std::uniform_int_distribution<int> lifeMs(500, 3000);
+        auto const span = std::chrono::milliseconds(m_plan.kills * 1750);
+        std::vector<Clock::duration> restarts;
+        for (int i = 0; i < m_plan.emulatorRestarts; ++i)
+            restarts.push_back(span * std::uniform_int_distribution<int>(10, 85)(m_moments) / 100);
+        std::sort(restarts.begin(), restarts.end());
+        std::size_t nextRestart = 0;
+        Clock::time_point emulatorStarted;
+        auto life = std::chrono::milliseconds(lifeMs(m_moments));
+        m_out << fmt::format("under kills: {} files over {} s, {} runner kills, {} emulator restarts\n", files,
+                             span.count() / 1000, m_plan.kills, restarts.size())
               << std::flush;
 
         m_runner->start();
         auto const began = Clock::now();
-        std::future<void> producer = produce(0, files);
+        std::future<void> producer = produce(0, files, span / files);
         drain(producer, "under kills", [&](QueueCounts const& counts) {
-            delivered = counts.delivered;
             sampleRunner();
-            if (nextRestart < restarts.size() && delivered >= restarts[nextRestart]) {
-                // Not while a runner just started may be asking the Locator: a failed lookup holds
-                // the queue for the uploader's five-minute back-off (README), a wait the soak does
-                // not measure. SIGKILL and SIGTERM by turns: a cloud that crashes, one that shuts down.
-                if (m_runner->age() < kLookupDone) return true;
+            if (nextRestart < restarts.size() && Clock::now() - began >= restarts[nextRestart]) {
+                // Not while a runner just started, or one that found its token refused by the last
+                // restart, may be asking the Locator: a failed lookup holds the queue for the
+                // uploader's five-minute back-off (README), a wait the soak does not measure.
+                // SIGKILL and SIGTERM by turns: a cloud that crashes, one that shuts down.
+                if (m_runner->age() < kLookupDone || Clock::now() - emulatorStarted < kLookupDone) return true;
                 bool const hard = nextRestart % 2 == 0;
                 m_emulator.restart(hard ? SIGKILL : SIGTERM);
+                emulatorStarted = Clock::now();
                 ++(hard ? m_summary.emulatorKills : m_summary.emulatorStops);
                 m_emulator.setFaults(faults(int(++nextRestart)));
-            } else if (nextKill < kills.size() && delivered >= kills[nextKill]) {
-                // At a random moment of whatever the runner is doing then, and not before it has
-                // lived half a second to three: kills that come in a burst would find it
-                // recovering its spool, not sending.
-                std::chrono::milliseconds const life(std::uniform_int_distribution<int>(500, 3000)(m_moments));
-                std::chrono::milliseconds const wait(std::uniform_int_distribution<int>(0, 1000)(m_moments));
-                std::this_thread::sleep_for(std::max<Clock::duration>(wait, life - m_runner->age()));
+            } else if (m_summary.kills < m_plan.kills && m_runner->age() >= life) {
                 restartRunner();
-                ++nextKill;
-            }
-            if (m_summary.kills != m_reported) {
-                m_reported = m_summary.kills;
-                m_out << fmt::format("  {:5.0f} s: {} of {} delivered, {} kills, {} emulator restarts\n",
-                                     secondsSince(began), delivered, files, m_reported, nextRestart)
+                life = std::chrono::milliseconds(lifeMs(m_moments));
+                m_out << fmt::format("  {:5.1f} s: {} of {} delivered, {} kills, {} emulator restarts\n",
+                                     secondsSince(began), counts.delivered, files, m_summary.kills, nextRestart)
                       << std::flush;
             }
-            return nextKill < kills.size() || nextRestart < restarts.size();
+            return m_summary.kills < m_plan.kills || nextRestart < restarts.size();
         });
         m_summary.drainUnderKills = secondsSince(began);
     }
@@ -299,7 +291,6 @@ private:
     std::vector<QueuedFile> m_files;
     QueueSummary m_summary;
     bool m_sampled = false;
-    int m_reported = 0;
 };
 
 } // namespace

@@ -3,10 +3,11 @@
 // the Storage service exactly once and that nothing stayed behind.
 //
 // Two stretches. Under kills: the producer (this process) enqueues the first four fifths while
-// the runner (RunnerProcess) is killed and started again at random points of the progress, and
-// the emulator is killed or stopped and started again on its data directory. Steady: one runner,
-// a warm-up without faults, then the last fifth with faults; its figures before and after show
-// whether a runner that keeps going keeps its threads, descriptors and memory.
+// the runner (RunnerProcess) is killed after a random 0.5 to 3 s of life and started again, and
+// the emulator is killed or stopped and started again on its data directory and port at random
+// moments. Steady: one runner, a warm-up without faults, then the last fifth with faults; its
+// figures before and after show whether a runner that keeps going keeps its threads, descriptors
+// and memory.
 #pragma once
 
 #include <boost/filesystem/path.hpp>

@@ -61,6 +61,9 @@ struct Options {
 // and the queue holds every entry that fails meanwhile until then, so that one such fault would
 // make the drain time that wait (--faults without "spare" shows it).
 constexpr std::uint64_t kQueueMaxSize = 4'000'000;
+// Tokens that outlive the run: the Account service's address is looked up again when the token
+// expires, and a lookup while the emulator restarts would hold the queue likewise.
+constexpr int kQueueTokenLifetime = 600;
 constexpr char const* kQueueFaults =
     "drop=0.02,stall=0.03,stall-ms=1000,5xx=0.02,401=0.03,expired-url=0.01,drop-after-body=0.05,spare=locations";
 
@@ -119,8 +122,9 @@ int queueSoak(Options const& options)
     std::cout << fmt::format("restclient-soak --queue: {} files, {} at a time, seed {} (give --seed {} to repeat it)\n",
                              queue.files, queue.concurrency, queue.seed, queue.seed)
               << fmt::format("  faults per request: {}\n", queue.faults)
-              << fmt::format("  files up to {} bytes; {} sent under {} runner kills and {} emulator restarts\n",
-                             queue.maxSize, plan.underKills, plan.kills, plan.emulatorRestarts)
+              << fmt::format("  files up to {} bytes; tokens live {} s; {} sent under {} runner kills and {} emulator "
+                             "restarts\n",
+                             queue.maxSize, queue.tokenLifetime, plan.underKills, plan.kills, plan.emulatorRestarts)
               << fmt::format("  work directory {}\n", queue.work.string()) << std::flush;
     queue.runnerLogConfig = logToFile(queue.work);
     bool const held = runQueueSoak(queue, std::cout);
@@ -246,8 +250,8 @@ int main(int argc, char** argv)
     app.add_option("--emulator", options.emulator, "the restclient-emulator program (default: beside this one)");
     app.add_flag("--queue", options.queue,
                  fmt::format("send the files through the upload queue, its runner killed at random (files up to {} "
-                             "bytes and the faults {} unless told)",
-                             kQueueMaxSize, kQueueFaults));
+                             "bytes, tokens that live {} s and the faults {} unless told)",
+                             kQueueMaxSize, kQueueTokenLifetime, kQueueFaults));
     app.add_option("--concurrency", options.concurrency, "with --queue: uploads at a time")
         ->capture_default_str()
         ->check(CLI::Range(1, 64));
@@ -263,6 +267,7 @@ int main(int argc, char** argv)
     if (options.queue) {
         if (app.count("--max-size") == 0) options.maxSize = kQueueMaxSize;
         if (app.count("--faults") == 0) options.faults = kQueueFaults;
+        if (app.count("--token-lifetime") == 0) options.tokenLifetime = kQueueTokenLifetime;
         if (options.uploads < 10) {
             std::cerr << "restclient-soak: --queue needs 10 files or more\n";
             return 2;
