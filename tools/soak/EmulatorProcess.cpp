@@ -153,6 +153,8 @@ void EmulatorProcess::restart(int signal)
 
 void EmulatorProcess::setFaults(std::string const& text)
 {
+    // Setting them starts the emulator's counts over.
+    m_injectedBefore = faultReport()["injected"];
     control("/_emulator/faults", &text);
     m_faults = text;
 }

@@ -38,8 +38,8 @@ public:
 
     // Random faults from now on, in the emulator's text form ("drop=0.02,5xx=0.01,seed=7").
     void setFaults(std::string const& text);
-    // {"faults": <text form>, "injected": {"drop": n, ...}}, the counts summed over its runs (those
-    // of a run's last moments before a kill are lost).
+    // {"faults": <text form>, "injected": {"drop": n, ...}}, the counts summed over its runs and
+    // settings (those of a run's last moments before a kill are lost).
     Json::Value faultReport();
 
 private:
@@ -55,7 +55,7 @@ private:
     int m_runs = 0;
     std::string m_port = "0";
     std::string m_faults;
-    Json::Value m_injectedBefore{Json::objectValue}; // by the runs that have ended
+    Json::Value m_injectedBefore{Json::objectValue}; // by the runs and settings that have ended
     std::string m_baseUrl;
     std::string m_caFile;
     std::string m_clientCertFile;

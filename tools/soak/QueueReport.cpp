@@ -77,8 +77,8 @@ bool printQueueReport(QueueSummary const& summary, std::ostream& out)
     std::vector<ProcessFigures> const& lives = summary.afterRestarts;
     ProcessFigures const& start = summary.steadyStart;
     ProcessFigures const& end = summary.steadyEnd;
-    out << fmt::format("\n{:<24}{:>16}{:>14}{:>14}\n", "the runner process", fmt::format("{} starts", lives.size()),
-                       "steady start", "steady end")
+    out << fmt::format("\n{:<24}{:>16}{:>14}{:>14}\n", "the runner process",
+                       fmt::format("after {} starts", lives.size()), "steady start", "steady end")
         << fmt::format("{:<24}{:>16}{:>14}{:>14}\n", "threads", range(lives, [](auto& f) { return f.threads; }),
                        start.threads, end.threads)
         << fmt::format("{:<24}{:>16}{:>14}{:>14}\n", "open files", range(lives, [](auto& f) { return f.openFiles; }),
