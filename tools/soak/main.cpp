@@ -82,14 +82,11 @@ fs::path writeLogProperties(fs::path const& properties, fs::path const& log)
     return properties;
 }
 
-// The library logs to a file of the work directory, DEBUG and up, unless TAVIX_LOG_CONFIG says
-// otherwise; the queue's runner to one of its own. Returns the runner's properties ("" when the
-// environment decides).
-std::string logToFile(fs::path const& work)
+// The library logs to a file of the work directory, DEBUG and up, unless TAVIX_LOG_CONFIG says otherwise.
+void logToFile(fs::path const& work)
 {
-    if (std::getenv("TAVIX_LOG_CONFIG")) return {};
+    if (std::getenv("TAVIX_LOG_CONFIG")) return;
     setenv("TAVIX_LOG_CONFIG", writeLogProperties(work / "log4cplus.properties", work / "soak.log").c_str(), 1);
-    return writeLogProperties(work / "runner-log4cplus.properties", work / "runner.log").string();
 }
 
 fs::path emulatorProgram(Options const& options)
@@ -126,7 +123,11 @@ int queueSoak(Options const& options)
                              "restarts\n",
                              queue.maxSize, queue.tokenLifetime, plan.underKills, plan.kills, plan.emulatorRestarts)
               << fmt::format("  work directory {}\n", queue.work.string()) << std::flush;
-    queue.runnerLogConfig = logToFile(queue.work);
+    // The queue's runner logs to a file of its own, unless TAVIX_LOG_CONFIG says otherwise.
+    if (!std::getenv("TAVIX_LOG_CONFIG"))
+        queue.runnerLogConfig =
+            writeLogProperties(queue.work / "runner-log4cplus.properties", queue.work / "runner.log").string();
+    logToFile(queue.work);
     bool const held = runQueueSoak(queue, std::cout);
     if (held && !options.keep) {
         fs::remove_all(queue.work);
