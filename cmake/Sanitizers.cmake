@@ -16,6 +16,12 @@ foreach(sanitizer IN LISTS RESTCLIENT_SANITIZE)
   add_compile_options(${flag} -fno-omit-frame-pointer)
   add_link_options(${flag})
 endforeach()
+# Light optimisation and line tables only: a sixth less compile time than -O2 -g for the Beast-heavy
+# files, and reports still name file and line. (-O0 would halve it, but Boost.Asio 1.74 built by clang
+# 14 without optimisation crashes in its executor.)
+if(RESTCLIENT_SANITIZE)
+  add_compile_options(-O1 $<IF:$<CXX_COMPILER_ID:Clang>,-gline-tables-only,-g1>)
+endif()
 # UBSan otherwise prints its report and carries on, and the test that made it passes.
 if("undefined" IN_LIST RESTCLIENT_SANITIZE)
   add_compile_options(-fno-sanitize-recover=all)

@@ -1,7 +1,9 @@
 #!/bin/sh
 # Runs every benchmark of a build and prints their figures. Usage: bench.sh <build-dir>
 # UPLOAD_BENCH_SIZES sets the upload benchmark's file sizes (default 1M,100M,1G; it writes and
-# sends a 1 GB file, which takes a while).
+# sends a 1 GB file, which takes a while). QUEUE_BENCH_ARGS passes options to the queue benchmark
+# ("--big 10M --files 50 --capped 20M" for a quick run; queue_bench --help lists them), and
+# QUEUE_BENCH_RATE sets its rate cap in bytes per second (default 10M).
 # Then one HTTPS request per process against a separately started emulator (so that its memory
 # is not counted): peak resident size (VmHWM, lowest of 3 runs) through the library, with plain
 # Beast and with libcurl; and the size of stripped copies of the two libraries.
@@ -14,6 +16,8 @@ for bench in "$build"/bench/*_bench; do
   echo "== $(basename "$bench")"
   case $(basename "$bench") in
     upload_bench) "$bench" "${UPLOAD_BENCH_SIZES:-1M,100M,1G}" ;;
+    # shellcheck disable=SC2086 # options, split on purpose
+    queue_bench) "$bench" ${QUEUE_BENCH_ARGS:-} ;;
     *) "$bench" ;;
   esac
   echo

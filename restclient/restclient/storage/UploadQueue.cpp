@@ -101,6 +101,7 @@ struct UploadQueue::State {
     bool stopping = false;
     int busy = 0;
     std::map<std::int64_t, FileUploader*> uploading;
+    std::vector<JournalEntry> toRelease; // delivered, their held files not yet removed
     std::int64_t lastExpirySweep = 0;
     std::mt19937_64 random{std::random_device()()};
 
@@ -120,6 +121,7 @@ struct UploadQueue::State {
 
     void slot();
     void expireOld();
+    void releaseDelivered();
     void process(JournalEntry e);
     void upload(JournalEntry& e);
     void settle(JournalEntry& e, FileUploader const& uploader);
@@ -260,6 +262,7 @@ void UploadQueue::stop()
     s.wake.notify_all();
     for (auto& slot : s.slots) slot->join();
     s.slots.clear();
+    s.releaseDelivered();
     ::close(s.runnerLock);
     s.runnerLock = -1;
     WORKER_LOG_INFO("[UploadQueue] Runner stopped.");
@@ -347,6 +350,7 @@ void UploadQueue::State::slot()
             auto claimed = journal->claimDue(now(), options.order, ec);
             if (!claimed) {
                 if (ec) WORKER_LOG_WARN("[UploadQueue] The journal cannot be read now: " << ec.message());
+                releaseDelivered();
                 std::unique_lock<std::mutex> lock(mutex);
                 --busy;
                 changed.notify_all();
@@ -365,6 +369,16 @@ void UploadQueue::State::slot()
     } catch (...) {
         WORKER_LOG_ERROR("[UploadQueue] Runner slot stopped by an unexpected error.");
     }
+}
+
+void UploadQueue::State::releaseDelivered()
+{
+    std::vector<JournalEntry> done;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        done.swap(toRelease);
+    }
+    for (auto const& e : done) releaseHeld(e, filesDir);
 }
 
 void UploadQueue::State::expireOld()
@@ -386,9 +400,7 @@ void UploadQueue::State::expireOld()
 
 void UploadQueue::State::process(JournalEntry e)
 {
-    if (auto const problem = detail::heldFileProblem(e); problem.code != 0) {
-        return failForGood(e, problem.code, problem.message);
-    }
+    // Asked first: a delivery whose record a power cut lost has its held copy already gone.
     if (e.entry.inDoubt) {
         std::string why;
         detail::StoredQuery const query{options.appKey, e.entry.name, e.entry.type, e.entry.md5, e.entry.size};
@@ -400,19 +412,18 @@ void UploadQueue::State::process(JournalEntry e)
         case detail::Stored::unknown:
             // Never sent blind: it waits until the service can say.
             return tryLater(e, 0, "Not sent again until the Storage service can say whether it holds it (" + why + ")");
-        case detail::Stored::no: break;
+        case detail::Stored::no: ++e.entry.attempts; break;
         }
+    }
+    if (auto const problem = detail::heldFileProblem(e); problem.code != 0) {
+        return failForGood(e, problem.code, problem.message);
     }
     upload(e);
 }
 
 void UploadQueue::State::upload(JournalEntry& e)
 {
-    ++e.entry.attempts;
     e.entry.inDoubt = false;
-    boost::system::error_code ec;
-    journal->markAttempt(e, ec);
-
     FileUploader uploader(e.held, e.entry.name, e.entry.type, e.entry.metadata, options.appKey);
     uploader.SetCACertFile(options.caFile);
     uploader.SetStallTimeout(options.stallTimeout);
@@ -451,13 +462,17 @@ void UploadQueue::State::settle(JournalEntry& e, FileUploader const& uploader)
 void UploadQueue::State::delivered(JournalEntry const& e)
 {
     boost::system::error_code ec;
-    if (!journal->remove(e.entry.id, "delivered", ec)) {
+    if (!journal->remove(e.entry.id, "delivered", true, ec)) {
         // Left sending: the next runner finds it stored and counts it then.
         WORKER_LOG_ERROR("[UploadQueue] Entry " << e.entry.id
                                                 << " delivered, but the journal cannot record it: " << ec.message());
         return;
     }
-    releaseHeld(e, filesDir);
+    {
+        // Removed when the slot has nothing due: not on the next entry's way.
+        std::lock_guard<std::mutex> lock(mutex);
+        toRelease.push_back(e);
+    }
     if (options.deleteDelivered) detail::deleteSource(e);
     WORKER_LOG_INFO("[UploadQueue] Entry " << e.entry.id << " (" << e.entry.file << ") delivered.");
     tell(e, EntryOutcome::delivered);

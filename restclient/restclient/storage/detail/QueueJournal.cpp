@@ -299,7 +299,12 @@ std::optional<JournalEntry> QueueJournal::claimDue(std::int64_t now, QueueOrder 
             if (!due.step()) return true;
             claimed = entryOf(due);
             claimed->entry.state = EntryState::sending;
-            Statement(m_db, "UPDATE entries SET state = 1 WHERE id = ?1").bind(1, claimed->entry.id).step();
+            // An entry in doubt is first checked, and counts an attempt only if it is sent.
+            if (!claimed->entry.inDoubt) ++claimed->entry.attempts;
+            Statement(m_db, "UPDATE entries SET state = 1, attempts = ?2 WHERE id = ?1")
+                .bind(1, claimed->entry.id)
+                .bind(2, claimed->entry.attempts)
+                .step();
             return true;
         },
         ec);
@@ -324,16 +329,22 @@ int QueueJournal::recoverSending(boost::system::error_code& ec)
     })
 }
 
-bool QueueJournal::remove(std::int64_t id, char const* total, boost::system::error_code& ec)
+bool QueueJournal::remove(std::int64_t id, char const* total, bool lazy, boost::system::error_code& ec)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return transaction(
+    // A lazy commit is made durable by the next synced one (the WAL is written in order); lost to
+    // a power cut, the entry is found stored when it is checked as in doubt.
+    if (lazy && !exec("PRAGMA synchronous=NORMAL", ec)) return false;
+    bool const done = transaction(
         [&] {
             deleteEntry(m_db, id);
             if (sqlite3_changes(m_db) == 1) count(m_db, total);
             return true;
         },
         ec);
+    boost::system::error_code ignored;
+    if (lazy) exec("PRAGMA synchronous=FULL", ignored);
+    return done;
 }
 
 bool QueueJournal::reschedule(JournalEntry const& e, std::int64_t next, boost::system::error_code& ec)
@@ -348,30 +359,17 @@ bool QueueJournal::reschedule(JournalEntry const& e, std::int64_t next, boost::s
     })
 }
 
-bool QueueJournal::markAttempt(JournalEntry const& e, boost::system::error_code& ec)
-{
-    JOURNAL_GUARD(false, {
-        Statement(m_db, "UPDATE entries SET attempts = ?2, in_doubt = ?3 WHERE id = ?1")
-            .bind(1, e.entry.id)
-            .bind(2, e.entry.attempts)
-            .bind(3, e.entry.inDoubt ? 1 : 0)
-            .step();
-        return true;
-    })
-}
-
-bool QueueJournal::markFailed(JournalEntry const& e, boost::system::error_code& ec){JOURNAL_GUARD(
-    false,
-    {
-        Statement(m_db,
-                  "UPDATE entries SET state = 2, in_doubt = ?2, error_code = ?3, error_message = ?4 WHERE id = ?1")
-            .bind(1, e.entry.id)
-            .bind(2, e.entry.inDoubt ? 1 : 0)
-            .bind(3, e.entry.errorCode)
-            .bind(4, e.entry.errorMessage)
-            .step();
-        return true;
-    })}
+bool QueueJournal::markFailed(JournalEntry const& e, boost::system::error_code& ec){
+    JOURNAL_GUARD(false,
+                  {
+                      Statement update(
+                          m_db,
+                          "UPDATE entries SET state = 2, in_doubt = ?2, error_code = ?3, error_message = ?4, "
+                          "attempts = ?5 WHERE id = ?1");
+                      update.bind(1, e.entry.id).bind(2, e.entry.inDoubt ? 1 : 0).bind(3, e.entry.errorCode);
+                      update.bind(4, e.entry.errorMessage).bind(5, e.entry.attempts).step();
+                      return true;
+                  })}
 
 std::vector<JournalEntry> QueueJournal::expire(std::int64_t cutoff, boost::system::error_code& ec)
 {

@@ -50,18 +50,19 @@ public:
     // True when an entry of `size` held bytes would fit without dropping anything.
     bool fits(std::uint64_t heldBytes, QuotaLimits const& quota, boost::system::error_code& ec);
 
-    // The next due pending entry (by `order`), marked sending; none when nothing is due.
+    // The next due pending entry (by `order`), marked sending with its attempt counted (unless it
+    // is in doubt); none when nothing is due.
     std::optional<JournalEntry> claimDue(std::int64_t now, QueueOrder order, boost::system::error_code& ec);
     // The soonest next attempt of a pending entry, if any.
     std::optional<std::int64_t> nextDue(boost::system::error_code& ec);
     // Entries left sending by a runner that is gone become pending and in doubt; returns how many.
     int recoverSending(boost::system::error_code& ec);
 
-    // The entry leaves the journal, counted under `total` ("delivered", "expired", "dropped").
-    bool remove(std::int64_t id, char const* total, boost::system::error_code& ec);
+    // The entry leaves the journal, counted under `total` ("delivered", "expired", "dropped");
+    // `lazy`: without a sync of its own.
+    bool remove(std::int64_t id, char const* total, bool lazy, boost::system::error_code& ec);
     // Back to pending, due at `next`.
     bool reschedule(JournalEntry const& e, std::int64_t next, boost::system::error_code& ec);
-    bool markAttempt(JournalEntry const& e, boost::system::error_code& ec);
     bool markFailed(JournalEntry const& e, boost::system::error_code& ec);
     // Pending or failed entries enqueued before `cutoff`, removed and counted as expired.
     std::vector<JournalEntry> expire(std::int64_t cutoff, boost::system::error_code& ec);
