@@ -1,9 +1,12 @@
 #include <tests/emulator/EmulatorCalls.h>
+#include <tests/support/ChildProcess.h>
 #include <tools/emulator/CloudEmulator.h>
 
 #include <boost/filesystem/operations.hpp>
 
 #include <gtest/gtest.h>
+
+#include <fstream>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -88,6 +91,39 @@ TEST(CloudEmulator, StoredAndUploadedObjectShowsInQueriesAndSurvivesARestart)
     EXPECT_EQ(exchange(verb::delete_, current.json["resource"][0]["href"].asString(), {}, bearer(kDefaultToken)).status,
               200u);
     EXPECT_EQ(call(restarted, verb::get, "//s/accounts/1001/project/proj/latest").status, 404u);
+    boost::filesystem::remove_all(data);
+}
+
+TEST(CloudEmulator, ABodyInPlaceWhoseRecordWasNotYetRewrittenIsTheObjectsContentAfterARestart)
+{
+    boost::filesystem::path data = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path();
+    EmulatorConfig config;
+    config.dataDirectory = data.string();
+    std::string id;
+    {
+        CloudEmulator cloud(config);
+        Reply stored = call(cloud, verb::post, "//storage/v1/accounts/1001/files", storeBody);
+        ASSERT_EQ(upload(stored.json["url"].asString(), "hello body").status, 200u);
+        id = cloud.objects().at(0).id;
+    }
+    // As the record stood when the process died between renaming the body in and rewriting it,
+    // with the rewrite it had begun left aside.
+    boost::filesystem::path const record = data / "objects" / (id + ".json");
+    std::string text = test::fileText(record.string());
+    for (auto [from, to] : {std::pair{"\"uploaded\":true", "\"uploaded\":false"},
+                            std::pair{"\"contentLength\":10", "\"contentLength\":0"}}) {
+        auto const at = text.find(from);
+        ASSERT_NE(at, std::string::npos) << text;
+        text.replace(at, std::string(from).size(), to);
+    }
+    std::ofstream(record.string()) << text;
+    std::ofstream((record.string() + ".tmp")) << "{\"id\":";
+
+    CloudEmulator restarted(config);
+    Reply current = call(restarted, verb::get, "//storage/v1/accounts");
+    ASSERT_EQ(current.json["resource"].size(), 1u) << current.body;
+    EXPECT_EQ(current.json["resource"][0]["contentLength"], 10);
+    EXPECT_FALSE(boost::filesystem::exists(record.string() + ".tmp"));
     boost::filesystem::remove_all(data);
 }
 

@@ -9,6 +9,11 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <map>
+#include <memory>
+#include <random>
+
 namespace tavix::emulator {
 namespace {
 
@@ -90,6 +95,80 @@ TEST(EmulatorProgram, MakesItsCertificatesWritesTheDeviceSettingsAndKeepsItsData
     ChildProcess refused(program({"--require-client-cert"}));
     EXPECT_EQ(refused.wait(), 2);
     EXPECT_NE(refused.err().find("--require-client-cert needs"), std::string::npos) << refused.err();
+    fs::remove_all(data);
+    fs::remove(settingsFile);
+}
+
+// Objects (name → contentLength) as the restarted emulator lists them.
+std::map<std::string, unsigned> listed(std::string const& base)
+{
+    Reply const objects = exchange(verb::get, base + "/storage/v1/accounts", {}, bearer(kDefaultToken));
+    std::map<std::string, unsigned> found;
+    for (Json::Value const& object : objects.json["resource"])
+        found[object["name"].asString()] = object["contentLength"].asUInt();
+    return found;
+}
+
+TEST(EmulatorProgram, KilledOrStoppedMidUploadItRestartsOnItsPortWithEveryWholeBodyAndNoPartOfAnother)
+{
+    fs::path const data = fs::temp_directory_path() / fs::unique_path("emu-data-%%%%%%");
+    std::string const settingsFile = data.string() + ".conf";
+    std::mt19937 generator(11);
+    std::string whole(512 * 1024, '\0');
+    for (char& byte : whole) byte = static_cast<char>(generator());
+    std::size_t const partialSize = 3 * 1024 * 1024;
+    std::string port = "0";
+    auto start = [&] {
+        return std::make_unique<ChildProcess>(
+            program({"--data-dir", data.string(), "--port", port, "--write-settings", settingsFile}));
+    };
+    for (int const signal : {SIGKILL, SIGTERM}) {
+        SCOPED_TRACE(signal);
+        auto emulator = start();
+        std::string const base = baseUrl(*emulator);
+        ASSERT_FALSE(base.empty()) << emulator->err();
+        if (port != "0") {
+            EXPECT_EQ(base, "http://127.0.0.1:" + port) << "the same port after a kill";
+        }
+        port = base.substr(base.rfind(':') + 1);
+        auto storeUrl = [&](std::string const& name) {
+            Reply const stored = exchange(verb::post, base + "/storage/v1/accounts/1001/files",
+                                          R"({"resource": {"name": ")" + name + "\"}}", bearer(kDefaultToken));
+            EXPECT_EQ(stored.status, 200u) << stored.body;
+            return stored.json["url"].asString();
+        };
+        std::string const suffix = std::to_string(signal);
+        EXPECT_EQ(
+            exchange(verb::put, storeUrl("p/whole-" + suffix), whole, {{"Content-Type", "binary/octet-stream"}}).status,
+            200u);
+        std::string const target = storeUrl("p/partial-" + suffix).substr(base.size());
+        RawConnection partial(static_cast<unsigned short>(std::stoi(port)));
+        partial.send("PUT " + target + " HTTP/1.1\r\nHost: h\r\nContent-Type: binary/octet-stream\r\nContent-Length: "
+                     + std::to_string(partialSize) + "\r\n\r\n" + std::string(partialSize * 2 / 3, 'p'));
+        EXPECT_TRUE(eventually([&] {
+            boost::system::error_code ec;
+            for (fs::directory_iterator it(data / "incoming"), end; it != end; ++it) {
+                if (fs::file_size(it->path(), ec) > 0 && !ec) return true;
+            }
+            return false;
+        })) << "the body is on its way to disk";
+        EXPECT_EQ(emulator->stop(signal), signal == SIGKILL ? 128 + SIGKILL : 0) << emulator->err();
+    }
+    auto restarted = start();
+    std::string const base = baseUrl(*restarted);
+    ASSERT_EQ(base, "http://127.0.0.1:" + port) << restarted->err();
+    std::map<std::string, unsigned> const expected{{"p/whole-" + std::to_string(SIGKILL), unsigned(whole.size())},
+                                                   {"p/whole-" + std::to_string(SIGTERM), unsigned(whole.size())},
+                                                   {"p/partial-" + std::to_string(SIGKILL), 0},
+                                                   {"p/partial-" + std::to_string(SIGTERM), 0}};
+    EXPECT_EQ(listed(base), expected);
+    EXPECT_TRUE(fs::is_empty(data / "incoming"));
+    Reply const found =
+        exchange(verb::get, base + "/storage/v1/accounts/1001/project/p/whole-" + std::to_string(SIGKILL), {},
+                 bearer(kDefaultToken));
+    Reply const link = exchange(verb::get, found.json["url"]["href"].asString(), {}, bearer(kDefaultToken));
+    EXPECT_TRUE(exchange(verb::get, link.json["url"].asString()).body == whole);
+    restarted.reset();
     fs::remove_all(data);
     fs::remove(settingsFile);
 }

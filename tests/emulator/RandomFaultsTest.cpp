@@ -22,12 +22,15 @@ RandomFaults parsed(std::string const& text)
 TEST(RandomFaults, TextFormReadsWhatItWritesAndRefusesBadItemsWhole)
 {
     RandomFaults const faults =
-        parsed("drop=0.5,stall=0.25,stall-ms=40,5xx=1,401=0,expired-url=0.125,seed=18446744073709551615");
+        parsed("drop=0.5,stall=0.25,stall-ms=40,5xx=1,401=0,expired-url=0.125,drop-after-body=0.0625,"
+               "spare=locations,seed=18446744073709551615");
     EXPECT_EQ(faults.drop, 0.5);
     EXPECT_EQ(faults.stall, 0.25);
     EXPECT_EQ(faults.stallMax.count(), 40);
     EXPECT_EQ(faults.serverError, 1.0);
     EXPECT_EQ(faults.expiredUrl, 0.125);
+    EXPECT_EQ(faults.dropAfterBody, 0.0625);
+    EXPECT_EQ(faults.spare, "locations");
     EXPECT_EQ(faults.seed, 18446744073709551615u);
     EXPECT_EQ(formatRandomFaults(parsed(formatRandomFaults(faults))), formatRandomFaults(faults));
     EXPECT_EQ(formatRandomFaults(parsed("")), formatRandomFaults(RandomFaults{}));
@@ -63,7 +66,7 @@ TEST(FaultDice, SameSeedSameDrawsAtTheRatesAsked)
     FaultDice::Counts const counts = first.injected();
     EXPECT_EQ(counts, second.injected());
     // A stall is drawn only when no drop was: 0.2 of the remaining 0.9.
-    double const expected[FaultDice::kindCount] = {0.1, 0.18, 0.3, 0, 0};
+    double const expected[FaultDice::kindCount] = {0.1, 0.18, 0.3, 0, 0, 0};
     for (int kind = 0; kind < FaultDice::kindCount; ++kind)
         EXPECT_NEAR(double(counts[kind]) / draws, expected[kind], 0.015) << FaultDice::name(FaultDice::Kind(kind));
 
@@ -95,6 +98,11 @@ TEST(RandomFaultsOnTheWire, EachKindHitsTheRequestsItIsForAndControlRequestsNeve
         {"401=1", verb::get, "/account/v1/rest/accounts/current", {}, 401, FaultDice::unauthorized, 1},
         {"401=1", verb::post, "/oauth/token", tokenForm, 200, FaultDice::unauthorized, 0},
         {"expired-url=1", verb::get, "/account/v1/rest/accounts/current", {}, 200, FaultDice::expiredUrl, 0},
+        {"drop-after-body=1", verb::get, "/account/v1/rest/accounts/current", {}, 200, FaultDice::dropAfterBody, 0},
+        {"drop=1,spare=locations", verb::get, "/locator/rest/locations/ACCOUNT", {}, 200, FaultDice::drop, 0},
+        {"5xx=1,spare=locations", verb::get, "/locator/rest/locations/ACCOUNT", {}, 200, FaultDice::serverError, 0},
+        {"401=1,spare=locations", verb::get, "/locator/rest/locations/ACCOUNT", {}, 200, FaultDice::unauthorized, 0},
+        {"401=1,spare=locations", verb::get, "/account/v1/rest/accounts/current", {}, 401, FaultDice::unauthorized, 1},
     };
     for (WireCase const& c : cases) {
         SCOPED_TRACE(std::string(c.faults) + " " + c.path);

@@ -153,5 +153,30 @@ TEST(UploadTarget, ScriptedAnswersAndFaultsTakeTheBodyAndKeepNone)
     EXPECT_EQ(exchange(verb::put, url, "x", octets).status, 200u);
 }
 
+TEST(UploadTarget, DropAfterBodyStoresTheBodyThenClosesUnansweredAndARetryKeepsOneObject)
+{
+    EmulatorConfig config;
+    config.randomFaults.dropAfterBody = 1;
+    CloudEmulator cloud(config);
+    std::string const body = randomBytes(2 * 1024 * 1024 + 5);
+    std::string const url = uploadUrl(cloud, md5Of(body));
+    for (int attempt = 1; attempt <= 2; ++attempt) {
+        Reply const put = exchange(verb::put, url, body, octets);
+        EXPECT_EQ(put.status, 0u) << attempt << ": " << put.body;
+        EXPECT_TRUE(put.ec) << attempt;
+        ASSERT_EQ(cloud.objects().size(), 1u) << "the same URL again stores over the same object";
+        EXPECT_TRUE(cloud.objects()[0].uploaded);
+        EXPECT_EQ(cloud.objects()[0].contentLength, body.size());
+        EXPECT_EQ(cloud.injectedFaults()[FaultDice::dropAfterBody], std::uint64_t(attempt));
+    }
+    EXPECT_TRUE(download(cloud, cloud.objects()[0]) == body);
+
+    EXPECT_EQ(exchange(verb::put, uploadUrl(cloud, md5Of("another body")), body, octets).status, 400u)
+        << "a refused body is not stored, so its answer comes";
+    Reply const report = exchange(verb::get, cloud.baseUrl() + "/_emulator/faults");
+    EXPECT_EQ(report.json["injected"]["drop-after-body"].asUInt64(), 2u) << report.body;
+    EXPECT_EQ(leftovers(cloud), 0u);
+}
+
 } // namespace
 } // namespace tavix::emulator

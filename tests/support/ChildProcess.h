@@ -65,9 +65,9 @@ public:
         if (m_pid > 0 && ::waitpid(m_pid, &m_status, 0) == m_pid) m_pid = 0;
         return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : 128 + WTERMSIG(m_status);
     }
-    int stop()
+    int stop(int signal = SIGTERM)
     {
-        if (m_pid > 0) ::kill(m_pid, SIGTERM);
+        if (m_pid > 0) ::kill(m_pid, signal);
         return wait();
     }
 

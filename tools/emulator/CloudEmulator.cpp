@@ -47,7 +47,7 @@ CloudEmulator::CloudEmulator(EmulatorConfig config)
     m_server->setBodyPlanner([this](http::request_header<> const& head) { return planBody(head); });
     m_server->setFaultSource([this](Request const& request) -> std::optional<Fault> {
         auto const segments = targetSegments(std::string(request.target()));
-        if (!segments.empty() && segments[0] == "_emulator") return std::nullopt;
+        if ((!segments.empty() && segments[0] == "_emulator") || m_dice.spares(segments)) return std::nullopt;
         return m_dice.transportFault();
     });
     m_context = std::make_unique<ServiceContext>(m_config, m_server->baseUrl());
@@ -189,7 +189,7 @@ Response CloudEmulator::handle(Request const& request)
         if (!route.segments.empty() && route.segments[0] == "_emulator") return control(route);
         if (auto reply = takeScriptedReply(std::string(request.target())))
             return textReply(request, reply->status, reply->body, reply->contentType);
-        if (m_dice.roll(FaultDice::serverError)) return injectedServerError(request);
+        if (!m_dice.spares(route.segments) && m_dice.roll(FaultDice::serverError)) return injectedServerError(request);
         return dispatch(route);
     } catch (std::exception const& e) {
         return errorReply(request, m_config.errorStyle, http::status::internal_server_error, SubCode::internal,
@@ -245,7 +245,10 @@ Response CloudEmulator::finishUpload(Request const& request, StreamedBody const&
             return textReply(request, reply->status, reply->body, reply->contentType);
         }
         RoutedRequest const route = routeOf(request);
-        return m_storage.commitUpload(*m_context, route, *uploadTarget(route), body);
+        Response stored = m_storage.commitUpload(*m_context, route, *uploadTarget(route), body);
+        if (stored.result() == http::status::ok && m_dice.roll(FaultDice::dropAfterBody))
+            stored.set(kDropAnswerField, "1");
+        return stored;
     } catch (std::exception const& e) {
         boost::system::error_code ignored;
         fs::remove(body.path, ignored);
@@ -295,7 +298,8 @@ Response CloudEmulator::dispatch(RoutedRequest const& route)
     if (endsWith(segments, {"oauth", "token"})) return m_tokens.tokenRoute(route);
 
     bool geo = count > 0 && segments.back() == "geo";
-    if (auto refused = refuseUnauthorized(route, geo, m_dice.roll(FaultDice::unauthorized))) return *refused;
+    bool const refuseAnyway = !m_dice.spares(segments) && m_dice.roll(FaultDice::unauthorized);
+    if (auto refused = refuseUnauthorized(route, geo, refuseAnyway)) return *refused;
     if (geo) return geoRoute(context, route);
     if (endsWith(segments, {"registrations", "current"})) return m_registrations.handle(context, route);
     if (auto at = std::find(segments.begin(), segments.end(), "locations"); at != segments.end())

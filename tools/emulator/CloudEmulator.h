@@ -28,7 +28,8 @@
 //
 // Random faults (RandomFaults.h) hit service requests, never control ones: drops and stalls
 // any of them, 503 any of them (an upload before its body is read), 401 those that take a
-// bearer token, and an expired upload URL the answers to store requests.
+// bearer token, an expired upload URL the answers to store requests, and drop-after-body the
+// uploads whose body was stored: the connection closes instead of the 200.
 #pragma once
 
 #include <tools/emulator/Certificates.h>

@@ -60,6 +60,9 @@ struct CaptureLimits {
 // A handler's answer that carries this field has its body streamed from the file it names (in
 // constant memory) instead of its string body; the field itself is not sent.
 inline constexpr char const* kBodyFileField = "X-Emulator-Body-File";
+// A handler's answer that carries this field is never sent: the connection closes instead, as
+// when a server dies after doing the work and before saying so.
+inline constexpr char const* kDropAnswerField = "X-Emulator-Drop-Answer";
 
 struct TlsFiles {
     std::string certificateChain;          // PEM

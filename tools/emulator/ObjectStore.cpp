@@ -77,6 +77,8 @@ ObjectStore::ObjectStore(fs::path directory) : m_objects(directory / "objects"),
 void ObjectStore::load()
 {
     for (fs::directory_iterator it(m_objects), end; it != end; ++it) {
+        // A record whose writing was cut short: the record it was to replace is still there.
+        if (it->path().extension() == ".tmp") fs::remove(it->path());
         if (it->path().extension() != ".json") continue;
         fs::ifstream in(it->path());
         std::stringstream text;
@@ -91,8 +93,21 @@ void ObjectStore::load()
         }
         if (!object) continue;
         m_nextSequence = std::max(m_nextSequence, object->sequence + 1);
+        rollForward(*object);
         m_byId[object->id] = *object;
     }
+}
+
+void ObjectStore::rollForward(StoredObject& object)
+{
+    // A body is renamed into place only once it is whole and checked, so one that is there is
+    // the object's content even when the process ended before its record said so.
+    boost::system::error_code error;
+    auto const size = fs::file_size(bodyPath(object.id), error);
+    if (error || (object.uploaded && object.contentLength == size)) return;
+    object.uploaded = true;
+    object.contentLength = size;
+    save(object);
 }
 
 void ObjectStore::save(StoredObject const& object)

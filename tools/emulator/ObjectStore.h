@@ -1,6 +1,8 @@
 // The emulator's stored objects: one JSON record and one body file per object in a data
-// directory, so that a restarted emulator still holds what it was given. Not locked: its owner
-// serialises access.
+// directory, so that a restarted emulator still holds what it was given, also after a SIGKILL:
+// records are replaced whole (written aside, then renamed), a body arrives in `incoming/` and is
+// renamed into place only once whole and checked, and what was still arriving is dropped at the
+// next start. Not locked: its owner serialises access.
 #pragma once
 
 #include <boost/filesystem/path.hpp>
@@ -54,6 +56,8 @@ public:
 private:
     void save(StoredObject const& object);
     void load();
+    // A body committed whose record was not yet rewritten when the last run ended.
+    void rollForward(StoredObject& object);
 
     boost::filesystem::path m_objects;
     boost::filesystem::path m_incoming;

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <sstream>
 
@@ -22,6 +23,7 @@ bool setMember(RandomFaults& faults, std::string const& name, std::string const&
         : name == "5xx"                  ? &faults.serverError
         : name == "401"                  ? &faults.unauthorized
         : name == "expired-url"          ? &faults.expiredUrl
+        : name == "drop-after-body"      ? &faults.dropAfterBody
                                          : nullptr;
     if (probability) {
         if (!readNumber(text, *probability) || !(*probability >= 0 && *probability <= 1)) {
@@ -39,6 +41,10 @@ bool setMember(RandomFaults& faults, std::string const& name, std::string const&
         faults.stallMax = std::chrono::milliseconds(milliseconds);
         return true;
     }
+    if (name == "spare") {
+        faults.spare = text;
+        return true;
+    }
     if (name == "seed") {
         if (!readNumber(text, faults.seed)) {
             error = fmt::format("\"seed\" must be a whole number, not \"{}\"", text);
@@ -46,7 +52,8 @@ bool setMember(RandomFaults& faults, std::string const& name, std::string const&
         }
         return true;
     }
-    error = fmt::format("unknown fault \"{}\" (drop, stall, stall-ms, 5xx, 401, expired-url, seed)", name);
+    error = fmt::format(
+        "unknown fault \"{}\" (drop, stall, stall-ms, 5xx, 401, expired-url, drop-after-body, spare, seed)", name);
     return false;
 }
 
@@ -70,14 +77,14 @@ bool parseRandomFaults(std::string const& text, RandomFaults& faults, std::strin
 
 std::string formatRandomFaults(RandomFaults const& faults)
 {
-    return fmt::format("drop={},stall={},stall-ms={},5xx={},401={},expired-url={},seed={}", faults.drop, faults.stall,
-                       faults.stallMax.count(), faults.serverError, faults.unauthorized, faults.expiredUrl,
-                       faults.seed);
+    return fmt::format("drop={},stall={},stall-ms={},5xx={},401={},expired-url={},drop-after-body={},spare={},seed={}",
+                       faults.drop, faults.stall, faults.stallMax.count(), faults.serverError, faults.unauthorized,
+                       faults.expiredUrl, faults.dropAfterBody, faults.spare, faults.seed);
 }
 
 char const* FaultDice::name(Kind kind)
 {
-    static char const* const names[kindCount] = {"drop", "stall", "5xx", "401", "expired-url"};
+    static char const* const names[kindCount] = {"drop", "stall", "5xx", "401", "expired-url", "drop-after-body"};
     return names[kind];
 }
 
@@ -103,6 +110,12 @@ FaultDice::Counts FaultDice::injected() const
     return m_injected;
 }
 
+bool FaultDice::spares(std::vector<std::string> const& segments) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return !m_faults.spare.empty() && std::find(segments.begin(), segments.end(), m_faults.spare) != segments.end();
+}
+
 std::optional<Fault> FaultDice::transportFault()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -118,6 +131,7 @@ bool FaultDice::roll(Kind kind)
     double const probability = kind == serverError ? m_faults.serverError
         : kind == unauthorized                     ? m_faults.unauthorized
         : kind == expiredUrl                       ? m_faults.expiredUrl
+        : kind == dropAfterBody                    ? m_faults.dropAfterBody
                                                    : 0.0;
     return rollLocked(kind, probability);
 }

@@ -105,8 +105,9 @@ int main(int argc, char** argv)
         "require-client-cert", "refuse clients without a client certificate")(
         "faults", po::value<std::string>(),
         "faults at random, each a probability per request, e.g. "
-        "drop=0.02,stall=0.02,stall-ms=2000,5xx=0.02,401=0.02,expired-url=0.01,seed=7 (default none)")(
-        "capture-requests", po::value<std::size_t>(), "requests kept for GET /_emulator/requests (default 1000)")(
+        "drop=0.02,stall=0.02,stall-ms=2000,5xx=0.02,401=0.02,expired-url=0.01,drop-after-body=0.02,seed=7 "
+        "(default none)")("capture-requests", po::value<std::size_t>(),
+                          "requests kept for GET /_emulator/requests (default 1000)")(
         "capture-bytes", po::value<std::size_t>(), "bytes of their bodies kept (default 16 MiB; the oldest go first)")(
         "read-timeout", po::value<unsigned>(), "seconds a client may keep a connection without sending (default 30)")(
         "write-settings", po::value<std::string>(),

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -31,12 +32,14 @@ std::string slurp(fs::path const& file)
     return text.str();
 }
 
-std::string lineAfter(std::string const& text, std::string const& prefix)
+// What follows the last line that starts with `prefix`, and how many such lines there are.
+std::pair<std::string, int> lastLineAfter(std::string const& text, std::string const& prefix)
 {
     std::istringstream lines(text);
+    std::pair<std::string, int> found;
     for (std::string line; std::getline(lines, line);)
-        if (line.rfind(prefix, 0) == 0) return line.substr(prefix.size());
-    return {};
+        if (line.rfind(prefix, 0) == 0) found = {line.substr(prefix.size()), found.second + 1};
+    return found;
 }
 
 std::size_t keepText(char* data, std::size_t size, std::size_t count, void* text)
@@ -49,23 +52,39 @@ std::size_t keepText(char* data, std::size_t size, std::size_t count, void* text
 
 EmulatorProcess::EmulatorProcess(fs::path const& program, fs::path const& workDirectory,
                                  std::chrono::seconds tokenLifetime)
-    : m_work(workDirectory)
+    : m_program(program), m_work(workDirectory), m_tokenLifetime(tokenLifetime)
+{
+    launch();
+    boost::system::error_code ec;
+    controller::Settings const settings = controller::Settings::parse(slurp(settingsFile()), ec);
+    if (ec) throw std::runtime_error("the emulator's settings do not read: " + ec.message());
+    m_caFile = settings.caFile;
+    m_clientCertFile = settings.clientCertFile;
+}
+
+void EmulatorProcess::launch()
 {
     fs::path const output = m_work / "emulator.out";
-    std::vector<std::string> arguments{program.string(),
+    std::vector<std::string> arguments{m_program.string(),
                                        "--make-certs",
                                        "--require-client-cert",
                                        "--data-dir",
                                        dataDirectory().string(),
+                                       "--port",
+                                       m_port,
                                        "--write-settings",
                                        settingsFile().string(),
                                        "--token-lifetime",
-                                       std::to_string(tokenLifetime.count())};
+                                       std::to_string(m_tokenLifetime.count())};
+    if (!m_faults.empty()) arguments.insert(arguments.end(), {"--faults", m_faults});
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
-    int const out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    // Every run's output in one file, one after the other.
+    int const out =
+        ::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | (m_runs == 0 ? O_TRUNC : 0) | O_CLOEXEC, 0600);
     if (out < 0) throw std::runtime_error("cannot write " + output.string());
+    ++m_runs;
 
     pid_t const parent = getpid();
     m_pid = fork();
@@ -79,25 +98,27 @@ EmulatorProcess::EmulatorProcess(fs::path const& program, fs::path const& workDi
         _exit(127);
     }
     ::close(out);
-    if (m_pid < 0) throw std::runtime_error("cannot start " + program.string());
+    if (m_pid < 0) throw std::runtime_error("cannot start " + m_program.string());
 
+    // The settings file is written after the address is printed.
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (m_baseUrl.empty() || !fs::exists(settingsFile())) {
+    for (;;) {
+        std::string const text = slurp(output);
+        auto const [baseUrl, listening] = lastLineAfter(text, "listening on ");
+        if (listening == m_runs && lastLineAfter(text, "controller settings written to ").second == m_runs) {
+            m_baseUrl = baseUrl;
+            m_port = baseUrl.substr(baseUrl.rfind(':') + 1);
+            return;
+        }
         int status = 0;
         if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
             m_pid = -1;
-            throw std::runtime_error("the emulator ended at once: " + slurp(output));
+            throw std::runtime_error("the emulator ended at once: " + text);
         }
         if (std::chrono::steady_clock::now() > deadline)
-            throw std::runtime_error("the emulator did not start: " + slurp(output));
+            throw std::runtime_error("the emulator did not start: " + text);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        m_baseUrl = lineAfter(slurp(output), "listening on ");
     }
-    boost::system::error_code ec;
-    controller::Settings const settings = controller::Settings::parse(slurp(settingsFile()), ec);
-    if (ec) throw std::runtime_error("the emulator's settings do not read: " + ec.message());
-    m_caFile = settings.caFile;
-    m_clientCertFile = settings.clientCertFile;
 }
 
 EmulatorProcess::~EmulatorProcess() { stop(); }
@@ -112,7 +133,31 @@ bool EmulatorProcess::stop()
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-void EmulatorProcess::setFaults(std::string const& text) { control("/_emulator/faults", &text); }
+void EmulatorProcess::restart(int signal)
+{
+    m_injectedBefore = faultReport()["injected"];
+    kill(m_pid, signal);
+    int status = 0;
+    while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {}
+    m_pid = -1;
+    // Its port may be taken for a moment by a connection on its way out.
+    for (int attempt = 1;; ++attempt) {
+        try {
+            return launch();
+        } catch (std::runtime_error const&) {
+            if (attempt == 5) throw;
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        }
+    }
+}
+
+void EmulatorProcess::setFaults(std::string const& text)
+{
+    // Setting them starts the emulator's counts over.
+    m_injectedBefore = faultReport()["injected"];
+    control("/_emulator/faults", &text);
+    m_faults = text;
+}
 
 Json::Value EmulatorProcess::faultReport()
 {
@@ -122,6 +167,8 @@ Json::Value EmulatorProcess::faultReport()
     std::string errors;
     if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &report, &errors))
         throw std::runtime_error("the emulator's fault report is not JSON: " + errors);
+    for (std::string const& kind : m_injectedBefore.getMemberNames())
+        report["injected"][kind] = report["injected"][kind].asUInt64() + m_injectedBefore[kind].asUInt64();
     return report;
 }
 

@@ -4,13 +4,14 @@
 #include <malloc.h>
 
 #include <cstdio>
+#include <string>
 
 namespace tavix::soak {
 namespace {
 
-long entries(char const* directory)
+long entries(std::string const& directory)
 {
-    DIR* listing = opendir(directory);
+    DIR* listing = opendir(directory.c_str());
     if (!listing) return -1;
     long count = 0;
     while (dirent const* entry = readdir(listing))
@@ -19,9 +20,9 @@ long entries(char const* directory)
     return count;
 }
 
-long residentKb()
+long residentKb(std::string const& process)
 {
-    std::FILE* status = std::fopen("/proc/self/status", "r");
+    std::FILE* status = std::fopen(("/proc/" + process + "/status").c_str(), "r");
     if (!status) return -1;
     long kb = -1;
     char line[256];
@@ -38,9 +39,20 @@ ProcessFigures processFigures()
     ProcessFigures figures;
     figures.threads = entries("/proc/self/task");
     figures.openFiles = entries("/proc/self/fd") - 1;
-    figures.residentKb = residentKb();
+    figures.residentKb = residentKb("self");
     struct mallinfo2 const heap = mallinfo2();
     figures.heapInUseKb = long((heap.uordblks + heap.hblkhd) / 1024);
+    return figures;
+}
+
+ProcessFigures processFigures(pid_t pid)
+{
+    std::string const process = std::to_string(pid);
+    ProcessFigures figures;
+    figures.threads = entries("/proc/" + process + "/task");
+    figures.openFiles = entries("/proc/" + process + "/fd");
+    figures.residentKb = residentKb(process);
+    figures.heapInUseKb = -1;
     return figures;
 }
 

@@ -1,6 +1,9 @@
-// What the soak watches of its own process, from /proc/self: a leak of threads, descriptors or
-// memory shows as a difference between the figures before and after the uploads.
+// What the soak watches of its own process (or of the queue's runner process), from /proc: a
+// leak of threads, descriptors or memory shows as a difference between the figures before and
+// after the uploads.
 #pragma once
+
+#include <sys/types.h>
 
 namespace tavix::soak {
 
@@ -14,5 +17,8 @@ struct ProcessFigures {
 };
 
 ProcessFigures processFigures();
+// Another process's, from /proc/<pid> (-1 where unreadable: it ended); the heap in use is only
+// known of this one (-1).
+ProcessFigures processFigures(pid_t pid);
 
 } // namespace tavix::soak

@@ -351,6 +351,7 @@ private:
             response = Response(http::status::internal_server_error, 11);
             response.body() = e.what();
         }
+        if (response.find(kDropAnswerField) != response.end()) return socket().close();
         response.version(request.version());
         bool const keepAlive = request.keep_alive() && response.keep_alive();
         response.keep_alive(keepAlive);
