@@ -192,6 +192,9 @@ std::int64_t UploadQueue::enqueue(fs::path const& file, std::string const& name,
             return fail(quotaError ? quotaError : make_error_code(QueueError::spoolFull));
         }
     }
+    // Shared with other enqueues, exclusive for the sweep of orphans: a file being taken in is
+    // never swept before its entry is recorded.
+    detail::SpoolLock const taking(s.options.spool, detail::SpoolLock::shared);
     JournalEntry e;
     if (!detail::holdFile(file, hold, s.filesDir, e, ec, why)) return fail(ec);
     e.entry.file = fs::absolute(file).string();
@@ -238,7 +241,9 @@ boost::system::error_code UploadQueue::start(Notify notify)
         WORKER_LOG_WARN("[UploadQueue] " << recovered << " entries were being sent when their runner stopped: "
                                          << "each is checked against the Storage service before it is sent again.");
     }
-    detail::sweepOrphans(s.filesDir, s.journal->heldFiles(ec));
+    if (detail::SpoolLock const sweeping(s.options.spool, detail::SpoolLock::exclusive); sweeping) {
+        detail::sweepOrphans(s.filesDir, s.journal->heldFiles(ec));
+    }
     {
         std::lock_guard<std::mutex> lock(s.mutex);
         s.stopping = false;
@@ -341,6 +346,13 @@ void UploadQueue::State::slot()
     try {
         while (!isStopping()) {
             expireOld();
+            // Nothing goes while the uploader's Locator back-off runs: every upload would fail
+            // on the stale Account URL. Kept in this process, as the uploader keeps it.
+            if (auto const backoff = FileUploader::LocatorBackoffEnd(); backoff > now()) {
+                std::unique_lock<std::mutex> lock(mutex);
+                wake.wait_for(lock, kPoll, [this] { return stopping; });
+                continue;
+            }
             // Busy from before the claim: an entry the journal already says is sending would
             // otherwise be counted nowhere, and waitIdle could report idle in between.
             {
@@ -504,7 +516,7 @@ void UploadQueue::State::tryLater(JournalEntry& e, int code, std::string const& 
             std::lock_guard<std::mutex> lock(mutex);
             pause = detail::backoffDelay(e.failures, options.backoffBase, options.backoffCap, random);
         }
-        next = std::max<std::int64_t>(next + pause.count(), FileUploader::LocatorBackoffEnd());
+        next += pause.count();
         WORKER_LOG_WARN("[UploadQueue] Entry " << e.entry.id << " (" << e.entry.file << ") will be tried again in "
                                                << (next - now()) << " seconds: " << code << " " << message);
     }

@@ -7,6 +7,7 @@
 #include <openssl/evp.h>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,7 +16,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <random>
 #include <set>
@@ -218,22 +218,16 @@ void deleteSource(JournalEntry const& e)
     ::unlink(e.entry.file.c_str());
 }
 
-namespace {
-
-// Another process may be taking a file in right now: what changed in the last hour is left.
-bool recentlyChanged(fs::path const& entryDir)
+SpoolLock::SpoolLock(fs::path const& spool, Kind kind)
+    : m_fd(::open((spool / "enqueue.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
 {
-    std::time_t const recent = std::time(nullptr) - 3600;
-    struct stat info {};
-    if (::stat(entryDir.c_str(), &info) == 0 && info.st_ctime > recent) return true;
-    boost::system::error_code ec;
-    for (fs::directory_iterator it(entryDir, ec), end; !ec && it != end; it.increment(ec)) {
-        if (::lstat(it->path().c_str(), &info) == 0 && info.st_ctime > recent) return true;
-    }
-    return false;
+    m_locked = m_fd >= 0 && ::flock(m_fd, kind == shared ? LOCK_SH : LOCK_EX | LOCK_NB) == 0;
 }
 
-} // namespace
+SpoolLock::~SpoolLock()
+{
+    if (m_fd >= 0) ::close(m_fd);
+}
 
 void sweepOrphans(fs::path const& filesDir, std::vector<std::string> const& held)
 {
@@ -241,7 +235,7 @@ void sweepOrphans(fs::path const& filesDir, std::vector<std::string> const& held
     for (auto const& path : held) owned.insert(fs::path(path).parent_path());
     boost::system::error_code ec;
     for (fs::directory_iterator it(filesDir, ec), end; !ec && it != end; it.increment(ec)) {
-        if (owned.count(it->path()) != 0 || recentlyChanged(it->path())) continue;
+        if (owned.count(it->path()) != 0) continue;
         boost::system::error_code ignored;
         fs::remove_all(it->path(), ignored);
     }

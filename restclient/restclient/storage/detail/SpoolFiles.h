@@ -33,8 +33,24 @@ void releaseHeld(JournalEntry const& e, boost::filesystem::path const& filesDir)
 // Deletes the program's file after delivery, when it is still the file that was enqueued.
 void deleteSource(JournalEntry const& e);
 
+// A lock on the spool's "enqueue.lock": shared while a file is taken in, exclusive (and not
+// waited for) while orphans are swept. False when not taken.
+class SpoolLock {
+public:
+    enum Kind { shared, exclusive };
+    SpoolLock(boost::filesystem::path const& spool, Kind kind);
+    ~SpoolLock();
+    SpoolLock(SpoolLock const&) = delete;
+    SpoolLock& operator=(SpoolLock const&) = delete;
+    explicit operator bool() const { return m_locked; }
+
+private:
+    int m_fd;
+    bool m_locked = false;
+};
+
 // Removes entry directories under `filesDir` that no held path names (a crash between the copy and
-// the journal's commit, or between the commit and the removal).
+// the journal's commit, or between the commit and the removal). Only under an exclusive SpoolLock.
 void sweepOrphans(boost::filesystem::path const& filesDir, std::vector<std::string> const& held);
 
 } // namespace tavix::restclient::storage::detail
