@@ -42,6 +42,30 @@ TEST(SettingsTest, ReadsEveryKeySkippingCommentsAndBlankLines)
     EXPECT_EQ(Settings::parse("", ec).proxy, std::nullopt);
 }
 
+TEST(SettingsTest, ReadsTheQueueKeysWithTheirUnits)
+{
+    boost::system::error_code ec;
+    Settings const s = Settings::parse("queue_spool = /var/spool/q\nqueue_concurrency = 4\nqueue_rate = 2M\n"
+                                       "queue_quota_bytes = 1g\nqueue_quota_entries = 500\nqueue_backoff_base = 30\n"
+                                       "queue_backoff_cap = 3600\nqueue_retention = 0\nqueue_when_full = drop_oldest\n",
+                                       ec);
+    ASSERT_FALSE(ec) << ec.message();
+    EXPECT_EQ(s.queueSpool, "/var/spool/q");
+    EXPECT_EQ(s.queueConcurrency, 4u);
+    EXPECT_EQ(s.queueRate, 2u << 20);
+    EXPECT_EQ(s.queueQuotaBytes, std::uint64_t(1) << 30);
+    EXPECT_EQ(s.queueQuotaEntries, 500u);
+    EXPECT_EQ(s.queueRetention, 0u);
+    EXPECT_EQ(s.queueDropOldest, true);
+    EXPECT_EQ(Settings::parse("", ec).queueRate, std::nullopt) << "absent: the queue's own default";
+    for (char const* bad :
+         {"queue_concurrency = 0\n", "queue_concurrency = 65\n", "queue_rate = 2X\n", "queue_rate = -1\n",
+          "queue_rate = M\n", "queue_when_full = sometimes\n", "queue_backoff_cap = 9999999999999999\n"}) {
+        Settings::parse(bad, ec);
+        EXPECT_EQ(ec, SettingsError::badValue) << bad;
+    }
+}
+
 TEST(SettingsTest, ABadLineIsAnErrorThatSaysWhere)
 {
     struct Case {
