@@ -91,11 +91,11 @@ struct UploadQueue::State {
     fs::path filesDir;
     std::unique_ptr<detail::QueueJournal> journal;
 
-    Notify notify;
     int runnerLock = -1;
     std::vector<boost::shared_ptr<boost::thread>> slots;
 
     mutable std::mutex mutex; // guards what follows
+    Notify notify;
     std::condition_variable wake;
     mutable std::condition_variable changed;
     bool stopping = false;
@@ -113,9 +113,14 @@ struct UploadQueue::State {
 
     void tell(JournalEntry const& e, EntryOutcome outcome) const
     {
-        if (!notify) return;
+        Notify told;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            told = notify;
+        }
+        if (!told) return;
         try {
-            notify(e.entry, outcome);
+            told(e.entry, outcome);
         } catch (...) {}
     }
 
@@ -235,7 +240,10 @@ boost::system::error_code UploadQueue::start(Notify notify)
         return QueueError::runnerActive;
     }
     s.runnerLock = fd;
-    s.notify = std::move(notify);
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.notify = std::move(notify);
+    }
     boost::system::error_code ec;
     if (int const recovered = s.journal->recoverSending(ec); recovered > 0) {
         WORKER_LOG_WARN("[UploadQueue] " << recovered << " entries were being sent when their runner stopped: "

@@ -120,8 +120,9 @@ struct QueueProgress {
 
 class RESTCLIENT_EXPORT UploadQueue {
 public:
-    // Called for each entry that leaves the queue or fails for good, on the runner's thread. It
-    // must not call `stop` or destroy the queue; exceptions it throws are swallowed.
+    // Called for each entry that leaves the queue or fails for good, on the runner's thread (for an
+    // entry `enqueue` drops to make room, on its caller's). It must not call `stop` or destroy the
+    // queue; exceptions it throws are swallowed.
     using Notify = boost::function<void(QueueEntry const&, EntryOutcome)>;
 
     // Opens (or makes) the spool and its journal. Null with `ec` set (`detail` says which path
