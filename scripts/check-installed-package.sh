@@ -42,6 +42,15 @@ for jsoncpp_first in OFF ON; do
   LD_LIBRARY_PATH=$libdir "$prefix/consumer-$jsoncpp_first/consumer" "$prefix/file.bin"
 done
 
+# Programs that link restclient::restclient alone start without LD_LIBRARY_PATH: the library finds
+# its sibling through its own run path.
+for program in uploader_only rest_only; do
+  cmake -S "$consumer/$program" -B "$prefix/$program" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+  cmake --build "$prefix/$program" >/dev/null
+done
+locator=$(sed -n 's/^locator_url = //p' "$prefix/controller.conf")
+(unset LD_LIBRARY_PATH; "$prefix/uploader_only/uploader_only" "$prefix/file.bin" && "$prefix/rest_only/rest_only" "$locator")
+
 pcdir=$(dirname "$(find "$prefix" -name restclient.pc | head -n 1)")
 # shellcheck disable=SC2046
 c++ -std=c++17 "$consumer/main.cpp" -o "$prefix/consumer-pc" $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs restclient)
