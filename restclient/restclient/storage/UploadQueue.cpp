@@ -202,7 +202,6 @@ std::int64_t UploadQueue::enqueue(fs::path const& file, std::string const& name,
     detail::SpoolLock const taking(s.options.spool, detail::SpoolLock::shared);
     JournalEntry e;
     if (!detail::holdFile(file, hold, s.filesDir, e, ec, why)) return fail(ec);
-    e.entry.file = fs::absolute(file).string();
     e.entry.name = name;
     e.entry.type = type;
     e.entry.metadata = metadata;

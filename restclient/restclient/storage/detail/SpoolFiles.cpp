@@ -129,13 +129,19 @@ bool holdFile(fs::path const& file, HoldMode mode, fs::path const& filesDir, Jou
         return fail(ec, detail, QueueError::fileUnreadable, file.string() + ": " + reason(errno));
     }
     if (!S_ISREG(before.st_mode)) return fail(ec, detail, QueueError::notRegularFile, file.string());
+    // Absolute, so that the runner finds it whatever its working directory; computed without
+    // throwing (the working directory may be gone).
+    boost::system::error_code cwdError;
+    fs::path const cwd = file.is_absolute() ? fs::path() : fs::current_path(cwdError);
+    if (cwdError) return fail(ec, detail, QueueError::fileUnreadable, file.string() + ": " + cwdError.message());
+    e.entry.file = (file.is_absolute() ? file : cwd / file).string();
     e.entry.size = before.st_size;
     e.mtimeNs = modifiedNs(before);
     e.sourceDev = before.st_dev;
     e.sourceIno = before.st_ino;
 
     if (mode == HoldMode::reference) {
-        e.held = fs::absolute(file).string();
+        e.held = e.entry.file;
         boost::system::error_code hashError;
         e.entry.md5 = crypto::computeFileHash(source.get(), "md5", hashError, crypto::HexLower, {});
         if (hashError) return fail(ec, detail, QueueError::fileUnreadable, file.string() + ": " + hashError.message());
