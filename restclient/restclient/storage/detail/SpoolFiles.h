@@ -15,7 +15,8 @@ namespace tavix::restclient::storage::detail {
 
 // Holds `file` as `mode` says under `filesDir` (a directory per entry keeps the file's own name,
 // which the upload sends as "_filename"); fills the file's absolute path, the held path, size,
-// time, MD5 and the source's identity into `e`. Copies and links are fsync'd, with their directories, before it returns.
+// time, MD5 and the source's identity into `e`. Copies and links are fsync'd, with their directories, before it
+// returns.
 bool holdFile(boost::filesystem::path const& file, HoldMode mode, boost::filesystem::path const& filesDir,
               JournalEntry& e, boost::system::error_code& ec, std::string& detail);
 
