@@ -1,5 +1,7 @@
 #include <tests/support/ScopedControllerConfig.h>
 
+#include <tavix/controller/Settings.h>
+
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
 
@@ -31,10 +33,12 @@ ScopedControllerConfig::~ScopedControllerConfig()
 
 void ScopedControllerConfig::write(std::string const& text) const
 {
-    // Replaced, as provisioning does: a new file is seen as changed however fast it follows.
+    // Replaced, as provisioning does, and told: the test goes on at once rather than wait for the
+    // once-a-second look.
     std::string const next = m_path + ".next";
     std::ofstream(next, std::ios::trunc) << text;
     boost::filesystem::rename(next, m_path);
+    controller::Settings::reload();
 }
 
 } // namespace tavix::test

@@ -182,9 +182,20 @@ struct State {
     std::mutex mutex;
     std::string file; // useFile's; empty: the environment's
     std::vector<std::pair<std::string, std::string>> set;
+    std::string checkedPath; // the file last looked at, and what it was then
     detail::FileIdentity identity;
+    detail::RecheckTimer recheck;
     LoadResult result;
+    Settings merged; // the file's with `set` laid over it: what `load` hands out
 };
+
+void merge(State& s)
+{
+    s.merged = s.result.settings;
+    boost::system::error_code ignored;
+    std::string why;
+    for (auto const& [key, value] : s.set) apply(s.merged, key, value, ignored, why); // checked by `set`
+}
 
 State& state()
 {
@@ -221,21 +232,25 @@ Settings Settings::load(boost::system::error_code& ec, std::string* detail)
 {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    detail::FileIdentity const identity = detail::FileIdentity::of(pathOf(s));
-    // Anything but a regular file is read (and refused) each time.
-    if (!identity.regular || identity != s.identity) {
-        s.result = loadFile(identity.path);
-        s.identity = identity.regular ? identity : detail::FileIdentity{};
+    std::string const path = pathOf(s);
+    // A file named anew is read at once; the same file is looked at again at most once a second.
+    if (path != s.checkedPath) s.recheck.reset();
+    if (s.recheck.due(detail::RecheckTimer::Clock::now())) {
+        s.checkedPath = path;
+        detail::FileIdentity const identity = detail::FileIdentity::of(path);
+        // Anything but a regular file is read (and refused) each time it is looked at.
+        if (!identity.regular || identity != s.identity) {
+            s.result = loadFile(path);
+            s.identity = identity.regular ? identity : detail::FileIdentity{};
+            merge(s);
+        }
     }
     ec = s.result.ec;
     if (ec) {
         if (detail) *detail = s.result.detail;
         return {};
     }
-    Settings settings = s.result.settings;
-    std::string ignored;
-    for (auto const& [key, value] : s.set) apply(settings, key, value, ec, ignored); // checked by `set`
-    return settings;
+    return s.merged;
 }
 
 Settings Settings::current()
@@ -282,6 +297,7 @@ boost::system::error_code Settings::set(std::string const& key, std::string cons
     auto const same = std::find_if(s.set.begin(), s.set.end(), [&](auto const& entry) { return entry.first == key; });
     if (same != s.set.end()) same->second = value;
     else s.set.emplace_back(key, value);
+    merge(s);
     return {};
 }
 
@@ -290,6 +306,7 @@ void Settings::clearSet()
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.set.clear();
+    merge(s);
 }
 
 void Settings::useFile(std::string const& file)
@@ -297,6 +314,9 @@ void Settings::useFile(std::string const& file)
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.file = file;
+    s.recheck.reset();
 }
+
+void Settings::reload() { ++detail::forcedRechecks; }
 
 } // namespace tavix::controller

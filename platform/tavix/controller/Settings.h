@@ -1,8 +1,8 @@
 // The controller's provisioning settings: a file of `key = value` lines named by the
 // environment variable TAVIX_CONTROLLER_CONFIG (default /etc/tavix/controller.conf), with the
 // values a program sets in-process laid over it.
-// A re-provisioned device needs no restart: each use looks at the file's status and parses it
-// again when it changed.
+// A re-provisioned device needs no restart: the file's status is looked at again at most once a
+// second (never once per request) and the file parsed again when it changed.
 #pragma once
 
 #include <tavix/Export.h>
@@ -48,9 +48,9 @@ struct TAVIX_EXPORT Settings {
     // The file: the one `useFile` named, else TAVIX_CONTROLLER_CONFIG's, else the default.
     static std::string path();
     // Reads `path()`, or takes the last result while the file's status (modification time,
-    // size, identity) is unchanged, then lays the in-process values over it. On error `ec` is
-    // set, `detail` (when given) says where and why (the path and the system's reason, or the
-    // path and line), and the settings returned are empty.
+    // size, identity, looked at no more than once a second) is unchanged, then lays the in-process values over it. On
+    // error `ec` is set, `detail` (when given) says where and why (the path and the system's reason, or the path and
+    // line), and the settings returned are empty.
     static Settings load(boost::system::error_code& ec, std::string* detail = nullptr);
     // `load` for callers that treat unreadable settings as nothing set.
     static Settings current();
@@ -64,6 +64,9 @@ struct TAVIX_EXPORT Settings {
     static boost::system::error_code set(std::string const& key, std::string const& value);
     static void clearSet();
     static void useFile(std::string const& file);
+    // For a program that has just rewritten the settings, the CA bundle or the client
+    // certificate: the next use reads them again at once rather than within a second.
+    static void reload();
 };
 
 } // namespace tavix::controller

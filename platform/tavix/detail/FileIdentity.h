@@ -4,6 +4,8 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
 #include <tuple>
 
@@ -37,6 +39,34 @@ struct FileIdentity {
                         other.modified.tv_nsec, other.regular);
     }
     bool operator!=(FileIdentity const& other) const { return !(*this == other); }
+};
+
+// Bumped by `Settings::reload`: every file named in the settings is looked at again at its next use.
+inline std::atomic<unsigned> forcedRechecks{0};
+
+// When to look at a file again: at most once a second, so that the request path pays no `stat`
+// per request while a re-provisioned device is still noticed without a restart.
+class RecheckTimer {
+public:
+    using Clock = std::chrono::steady_clock;
+    static constexpr std::chrono::seconds period{1};
+
+    // True at most once a period, and at once after `reset` or a `Settings::reload`.
+    bool due(Clock::time_point now)
+    {
+        unsigned const forced = forcedRechecks.load(std::memory_order_relaxed);
+        if (m_armed && now < m_next && forced == m_forced) return false;
+        m_armed = true;
+        m_next = now + period;
+        m_forced = forced;
+        return true;
+    }
+    void reset() { m_armed = false; }
+
+private:
+    bool m_armed = false;
+    Clock::time_point m_next{};
+    unsigned m_forced = 0;
 };
 
 } // namespace tavix::detail

@@ -2,6 +2,7 @@
 
 #include <tests/support/ScopedControllerConfig.h>
 
+#include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
 #include <gtest/gtest.h>
 
@@ -9,6 +10,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <thread>
 
 namespace tavix::controller {
 namespace {
@@ -96,8 +100,11 @@ TEST(SettingsTest, LoadReadsTheFileNamedByTheEnvironment)
     EXPECT_EQ(Settings::load(ec).caFile, "/x/ca.pem");
     EXPECT_FALSE(ec);
 
-    // Read afresh at each use.
-    config.write("ca_file = /y/ca.pem\n");
+    // Rewritten behind the process's back: not looked at on every use, but within a second.
+    std::ofstream(config.path() + ".next") << "ca_file = /y/ca.pem\n";
+    boost::filesystem::rename(config.path() + ".next", config.path());
+    EXPECT_EQ(Settings::load(ec).caFile, "/x/ca.pem");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     EXPECT_EQ(Settings::load(ec).caFile, "/y/ca.pem");
 
     std::string detail;

@@ -4,11 +4,9 @@
 
 #include <tavix/detail/FileIdentity.h>
 
-#include <sys/stat.h>
-
-#include <ctime>
+#include <map>
 #include <mutex>
-#include <tuple>
+#include <utility>
 
 namespace tavix::net::http {
 
@@ -63,25 +61,38 @@ void TlsClientContext::remember(SSL* ssl, std::string const& peer)
 std::shared_ptr<TlsClientContext> sharedTlsContext(std::string const& caFile, std::string const& clientCertFile,
                                                    error_code& ec)
 {
-    // Never destroyed: a worker may still make a connection while the process exits.
-    struct Cache {
-        std::mutex mutex;
+    struct Entry {
         std::shared_ptr<TlsClientContext> context;
         detail::FileIdentity ca, cert;
+        detail::RecheckTimer recheck;
+    };
+    // Never destroyed: a worker may still make a connection while the process exits. A few
+    // pairs of files at most (the REST settings', an uploader's own CA bundle).
+    struct Cache {
+        std::mutex mutex;
+        std::map<std::pair<std::string, std::string>, Entry> entries;
     };
     static Cache& cache = *new Cache;
+    constexpr std::size_t maxEntries = 4;
 
-    auto const ca = detail::FileIdentity::of(caFile), cert = detail::FileIdentity::of(clientCertFile);
     std::lock_guard<std::mutex> lock(cache.mutex);
-    if (!cache.context || ca != cache.ca || cert != cache.cert) {
-        auto fresh = build(caFile, clientCertFile, ec);
-        if (!fresh) return nullptr;
-        cache.context = std::move(fresh);
-        cache.ca = ca;
-        cache.cert = cert;
+    if (cache.entries.size() >= maxEntries && !cache.entries.count({caFile, clientCertFile})) cache.entries.clear();
+    Entry& entry = cache.entries[{caFile, clientCertFile}];
+    if (entry.recheck.due(detail::RecheckTimer::Clock::now()) || !entry.context) {
+        auto const ca = detail::FileIdentity::of(caFile), cert = detail::FileIdentity::of(clientCertFile);
+        if (!entry.context || ca != entry.ca || cert != entry.cert) {
+            auto fresh = build(caFile, clientCertFile, ec);
+            if (!fresh) {
+                entry.recheck.reset(); // a file being fixed is tried again at the next use
+                return nullptr;
+            }
+            entry.context = std::move(fresh);
+            entry.ca = ca;
+            entry.cert = cert;
+        }
     }
     ec = {};
-    return cache.context;
+    return entry.context;
 }
 
 } // namespace tavix::net::http

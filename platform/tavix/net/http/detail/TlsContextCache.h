@@ -1,10 +1,13 @@
 // The client TLS context shared by every HTTPS connection of the process. Building one parses
 // the whole CA bundle, far too slow to do per connection, so it is built once and rebuilt
-// only when the CA bundle or the client certificate named in the settings changes. It also
+// only when the CA bundle or the client certificate changes (their status is looked at no more
+// than once a second, never once per request). It also
 // keeps the last TLS session of each peer, so that a new connection to a peer seen before costs
 // an abbreviated handshake; sessions die with their context, so changed TLS settings never
 // resume a session made under the old ones.
 #pragma once
+
+#include <tavix/Export.h>
 
 #include <boost/asio/ssl/context.hpp>
 #include <boost/system/error_code.hpp>
@@ -16,7 +19,7 @@
 
 namespace tavix::net::http {
 
-class TlsClientContext {
+class TAVIX_EXPORT TlsClientContext {
 public:
     TlsClientContext() : m_context(boost::asio::ssl::context::tls_client) {}
     TlsClientContext(TlsClientContext const&) = delete;
@@ -41,8 +44,9 @@ private:
 };
 
 // `caFile` empty: the system's default CA paths. `clientCertFile` empty: no client certificate;
-// otherwise one PEM holding the certificate (chain) and its key.
-std::shared_ptr<TlsClientContext> sharedTlsContext(std::string const& caFile, std::string const& clientCertFile,
-                                                   boost::system::error_code& ec);
+// otherwise one PEM holding the certificate (chain) and its key. The libcurl transfer asks for
+// the context of its own files, and resumes its sessions where the files are the REST ones.
+TAVIX_EXPORT std::shared_ptr<TlsClientContext>
+sharedTlsContext(std::string const& caFile, std::string const& clientCertFile, boost::system::error_code& ec);
 
 } // namespace tavix::net::http
