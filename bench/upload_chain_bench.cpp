@@ -3,12 +3,13 @@
 // in this process. Each mode runs its uploads in a process of its own (this program again), so
 // that neither starts with the other's TLS sessions, token or cached Account URL; the emulator
 // counts the TCP connections and the full and resumed TLS handshakes. The REST steps go through
-// the library's HTTP client, the transfer through libcurl (a connection of its own per upload).
-// A first, cold upload is measured alone, then N uploads; the later uploads' cost is the
-// difference.
+// the library's HTTP client, the transfer through libcurl. A first, cold upload is measured
+// alone, then N uploads; the later uploads' cost is the difference. The peer: the five requests
+// of one upload (as the emulator captured them) replayed by bare libcurl over one kept handle.
 //
 //   upload_chain_bench [uploads=20]
 
+#include <bench/upload/CurlChain.h>
 #include <restclient/storage/FileUploader.h>
 #include <tools/emulator/CloudEmulator.h>
 
@@ -23,6 +24,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -80,6 +82,17 @@ Run runSender(emulator::CloudEmulator& cloud, fs::path const& file, int count)
     return run;
 }
 
+// The REST requests of one upload (token, Locator, Account, store), in the order sent.
+std::vector<emulator::CapturedRequest> restRequestsOf(std::vector<emulator::CapturedRequest> const& captured)
+{
+    std::vector<emulator::CapturedRequest> rest;
+    for (auto const& request : captured) {
+        if (request.method != "PUT") rest.push_back(request);
+    }
+    if (rest.size() != 4) throw std::runtime_error("expected four REST requests, saw " + std::to_string(rest.size()));
+    return rest;
+}
+
 void printRow(char const* name, double connections, double full, double resumed, double ms)
 {
     fmt::print("  {:<28} {:11.2f} {:9.2f} {:11.2f} {:10.1f}\n", name, connections, full, resumed, ms);
@@ -108,6 +121,8 @@ int main(int argc, char** argv)
                                                             "log4cplus.appender.err.logToStdErr=true\n";
         ::setenv("TAVIX_LOG_CONFIG", (dir / "log.properties").c_str(), 1);
 
+        std::vector<emulator::CapturedRequest> chain;
+        double reuseLaterMs = 0;
         fmt::print("upload chain over HTTPS with a client certificate, a 1 KB file, one emulator host;\n"
                    "each mode in a fresh process: its first upload alone, then {} uploads\n",
                    uploads);
@@ -121,7 +136,9 @@ int main(int argc, char** argv)
                 << "\nclient_cert_file = " << certFile("client.pem")
                 << "\nconnection_reuse = " << (reuse ? "true" : "false") << "\n";
             ::setenv("TAVIX_CONTROLLER_CONFIG", settings.c_str(), 1);
+            cloud.server().clearRequests();
             Run const first = runSender(cloud, file, 1);
+            if (reuse) chain = restRequestsOf(cloud.server().requests());
             Run const all = runSender(cloud, file, uploads);
             emulator::ConnectionCounts const later = minus(all.cost, first.cost);
             double const n = uploads - 1;
@@ -130,9 +147,22 @@ int main(int argc, char** argv)
                      first.cost.resumedHandshakes, first.firstMs);
             printRow((mode + ", later uploads").c_str(), later.connections / n, later.fullHandshakes / n,
                      later.resumedHandshakes / n, all.laterMs);
+            if (reuse) reuseLaterMs = all.laterMs;
         }
-        fmt::print("  (each upload's transfer is libcurl's own connection: one of the connections and one full "
-                   "handshake)\n");
+        bench::ChainTls const tls{certFile("ca.pem"), certFile("client.pem")};
+        std::string const body(1024, 'r');
+        emulator::ConnectionCounts const before = cloud.server().connectionCounts();
+        bench::replayChain(chain, cloud.baseUrl(), body, tls, 1);
+        emulator::ConnectionCounts const warm = cloud.server().connectionCounts();
+        double const bareMs = bench::replayChain(chain, cloud.baseUrl(), body, tls, uploads);
+        emulator::ConnectionCounts const bareFirst = minus(warm, before);
+        emulator::ConnectionCounts const bareLater = minus(cloud.server().connectionCounts(), warm);
+        printRow("bare libcurl, first round", bareFirst.connections, bareFirst.fullHandshakes,
+                 bareFirst.resumedHandshakes, 0);
+        printRow("bare libcurl, later rounds", bareLater.connections / double(uploads),
+                 bareLater.fullHandshakes / double(uploads), bareLater.resumedHandshakes / double(uploads), bareMs);
+        fmt::print("  later uploads, reuse on / bare libcurl's five requests kept alive: {:.2f}\n",
+                   reuseLaterMs / bareMs);
     } catch (std::exception const& e) {
         fmt::print(stderr, "upload_chain_bench: {}\n", e.what());
         status = 1;

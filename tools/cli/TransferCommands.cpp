@@ -186,8 +186,9 @@ Exit download(Session& session, DownloadArgs const& args)
     curl_easy_setopt(curl.get(), CURLOPT_LOW_SPEED_TIME, args.stallSeconds);
     curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, args.timeoutSeconds);
     boost::system::error_code proxyError;
-    restclient::detail::setCurlProxy(curl.get(), args.url, proxyError);
+    auto const proxy = restclient::detail::curlProxyFor(args.url, proxyError);
     if (proxyError) return failed(badUsage, proxyError.message());
+    restclient::detail::setCurlProxy(curl.get(), proxy);
     if (!settings.caFile.empty()) curl_easy_setopt(curl.get(), CURLOPT_CAINFO, settings.caFile.c_str());
     if (!settings.clientCertFile.empty()) {
         curl_easy_setopt(curl.get(), CURLOPT_SSLCERT, settings.clientCertFile.c_str());

@@ -7,6 +7,7 @@
 #include <restclient/detail/ServiceAddress.h>
 #include <restclient/detail/WorkerLog.h>
 #include <restclient/storage/detail/RestStep.h>
+#include <restclient/storage/detail/TransferHandles.h>
 
 #include <tavix/controller/CommonName.h>
 #include <tavix/controller/SoapHelper.h>
@@ -36,8 +37,8 @@
 namespace tavix::restclient::storage {
 
 using namespace boost::placeholders;
-using detail::describeFailure;
-using detail::ServiceAddress;
+using restclient::detail::describeFailure;
+using restclient::detail::ServiceAddress;
 
 static_assert(std::is_same_v<curl_off_t, std::int64_t>, "the progress callback's types are curl's");
 
@@ -68,6 +69,7 @@ struct ProgressRecord {
 // What libcurl reads the body from: the open file, never past the size the request announced.
 struct BodySource {
     int fd;
+    curl_off_t size;
     curl_off_t left;
 };
 
@@ -85,6 +87,17 @@ std::size_t readBody(char* buffer, std::size_t size, std::size_t count, void* so
     if (read <= 0) return CURL_READFUNC_ABORT;
     body->left -= static_cast<curl_off_t>(read);
     return static_cast<std::size_t>(read);
+}
+
+// A kept connection found closed when the request is sent again is retried on a new one, from
+// the start of the body.
+int seekBody(void* source, curl_off_t offset, int origin)
+{
+    auto* body = static_cast<BodySource*>(source);
+    if (origin != SEEK_SET || offset < 0 || offset > body->size) return CURL_SEEKFUNC_CANTSEEK;
+    if (::lseek(body->fd, static_cast<off_t>(offset), SEEK_SET) != offset) return CURL_SEEKFUNC_FAIL;
+    body->left = body->size - offset;
+    return CURL_SEEKFUNC_OK;
 }
 
 // libcurl would otherwise write the server's answer to stdout; keep its start for the log.
@@ -132,11 +145,6 @@ std::int64_t modifiedNs(struct stat const& info)
 {
     return std::int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
 }
-
-struct CurlCleanup {
-    void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
-};
-using Curl = std::unique_ptr<CURL, CurlCleanup>;
 
 struct HeaderList {
     curl_slist* list = nullptr;
@@ -328,25 +336,31 @@ bool FileUploader::sendOnce(bool& retry)
                                                                 << info.st_size << " now).");
         return setError(46, "File changed since its MD5 was taken."), false;
     }
-    Curl curl(curl_easy_init());
-    if (!curl) {
-        WORKER_LOG_ERROR("[FileUploader] Could not init curl.");
-        return setError(43, "Could not init curl."), false;
-    }
     // The road the REST steps took; settings or a proxy that cannot be used are not worth a retry.
     boost::system::error_code proxyError;
-    auto const proxy = detail::setCurlProxy(curl.get(), m_uploadURL, proxyError);
+    auto const proxy = restclient::detail::curlProxyFor(m_uploadURL, proxyError);
     if (proxyError) {
         std::string const message = "Upload failed. " + proxyError.message();
         WORKER_LOG_ERROR("[FileUploader] " << message);
         return setError(proxyError.category() == net::http::proxy_category() ? 48 : 47, message), false;
     }
+    std::string const clientCert = controller::SoapHelper::GetClientCertFile();
+    std::string const caFile = GetCACertFile();
+    bool const oldProtocol = controller::SoapHelper::GetDisableTLS();
+    auto handle = storage::detail::TransferHandle::take({caFile, clientCert, oldProtocol, proxy ? proxy->route() : ""},
+                                                        controller::Settings::current().connectionReuse);
+    CURL* const curl = handle.get();
+    if (!curl) {
+        WORKER_LOG_ERROR("[FileUploader] Could not init curl.");
+        return setError(43, "Could not init curl."), false;
+    }
+    restclient::detail::setCurlProxy(curl, proxy);
     if (proxy) WORKER_LOG_DEBUG("[FileUploader] Uploading through the proxy " << proxy->address());
 
     curl_off_t const size = info.st_size;
     bytesSent = 0;
     bytesTotal = size;
-    ProgressRecord progress{0.0, curl.get(), this};
+    ProgressRecord progress{0.0, curl, this};
     curl_off_t maxSendSpeed = 0;
     {
         boost::mutex::scoped_lock lock(m_mutex);
@@ -355,24 +369,26 @@ bool FileUploader::sendOnce(bool& retry)
     }
     HeaderList const headers("Content-Type: binary/octet-stream");
     std::string answer;
-    BodySource source{file.fd(), size};
-    curl_easy_setopt(curl.get(), CURLOPT_URL, m_uploadURL.c_str());
-    curl_easy_setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(curl.get(), CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(curl.get(), CURLOPT_UPLOAD, 1L);
-    curl_easy_setopt(curl.get(), CURLOPT_PUT, 1L);
-    curl_easy_setopt(curl.get(), CURLOPT_XFERINFOFUNCTION, &FileUploader::curl_progress_callback);
-    curl_easy_setopt(curl.get(), CURLOPT_XFERINFODATA, &progress);
-    curl_easy_setopt(curl.get(), CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl.get(), CURLOPT_READFUNCTION, &readBody);
-    curl_easy_setopt(curl.get(), CURLOPT_READDATA, &source);
-    curl_easy_setopt(curl.get(), CURLOPT_INFILESIZE_LARGE, size);
-    curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.list);
-    curl_easy_setopt(curl.get(), CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-    if (maxSendSpeed > 0) curl_easy_setopt(curl.get(), CURLOPT_MAX_SEND_SPEED_LARGE, maxSendSpeed);
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, &keepAnswer);
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &answer);
+    BodySource source{file.fd(), size, size};
+    curl_easy_setopt(curl, CURLOPT_URL, m_uploadURL.c_str());
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(curl, CURLOPT_PUT, 1L);
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &FileUploader::curl_progress_callback);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &progress);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_READFUNCTION, &readBody);
+    curl_easy_setopt(curl, CURLOPT_READDATA, &source);
+    curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, &seekBody);
+    curl_easy_setopt(curl, CURLOPT_SEEKDATA, &source);
+    curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, size);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.list);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+    if (maxSendSpeed > 0) curl_easy_setopt(curl, CURLOPT_MAX_SEND_SPEED_LARGE, maxSendSpeed);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &keepAnswer);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer);
 
     long const megabytes = static_cast<long>(size / 1000000) + 1;
     long timeout = 10 + 200 * megabytes;
@@ -384,22 +400,22 @@ bool FileUploader::sendOnce(bool& retry)
         WORKER_LOG_DEBUG("[FileUploader] Upload timeout is too long, setting it to 82800 seconds (23 hours)");
         timeout = kMaxTimeoutSeconds;
     }
-    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, timeout);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, timeout);
 
-    std::string const clientCert = controller::SoapHelper::GetClientCertFile();
-    std::string const caFile = GetCACertFile();
     if (scheme == "https") {
         if (!clientCert.empty()) {
-            curl_easy_setopt(curl.get(), CURLOPT_SSLCERT, clientCert.c_str());
-            curl_easy_setopt(curl.get(), CURLOPT_SSLKEY, clientCert.c_str());
+            curl_easy_setopt(curl, CURLOPT_SSLCERT, clientCert.c_str());
+            curl_easy_setopt(curl, CURLOPT_SSLKEY, clientCert.c_str());
         }
-        curl_easy_setopt(curl.get(), CURLOPT_CAINFO, caFile.c_str());
+        curl_easy_setopt(curl, CURLOPT_CAINFO, caFile.c_str());
         // Kept as the controller has always had it: the older-protocol setting asks for SSLv3.
-        curl_easy_setopt(curl.get(), CURLOPT_SSLVERSION,
-                         controller::SoapHelper::GetDisableTLS() ? CURL_SSLVERSION_SSLv3 : CURL_SSLVERSION_TLSv1_2);
+        curl_easy_setopt(curl, CURLOPT_SSLVERSION, oldProtocol ? CURL_SSLVERSION_SSLv3 : CURL_SSLVERSION_TLSv1_2);
+        boost::system::error_code unparsed;
+        net::http::Url const url = net::http::Url::createUrl(m_uploadURL, unparsed);
+        if (!unparsed && !oldProtocol) handle.offerRestSessions(caFile, clientCert, url.host(), url.port());
     }
 
-    CURLcode const result = curl_easy_perform(curl.get());
+    CURLcode const result = curl_easy_perform(curl);
     retry = !cancelled();
     if (result != CURLE_OK) {
         // A stall is libcurl's time-out, found sooner.
@@ -410,8 +426,9 @@ bool FileUploader::sendOnce(bool& retry)
         setError(failure, message);
         return false;
     }
+    handle.keep(); // an answer came back whole: the connection serves the next upload
     long code = 0;
-    CURLcode const codeRead = curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &code);
+    CURLcode const codeRead = curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);
     if (codeRead != CURLE_OK) {
         std::string const message = std::string("Upload failed. Error: ") + curl_easy_strerror(codeRead);
         WORKER_LOG_ERROR("[FileUploader] " << message);
@@ -427,8 +444,8 @@ bool FileUploader::sendOnce(bool& retry)
     }
     double speed = 0;
     double total = 0;
-    curl_easy_getinfo(curl.get(), CURLINFO_SPEED_UPLOAD, &speed);
-    curl_easy_getinfo(curl.get(), CURLINFO_TOTAL_TIME, &total);
+    curl_easy_getinfo(curl, CURLINFO_SPEED_UPLOAD, &speed);
+    curl_easy_getinfo(curl, CURLINFO_TOTAL_TIME, &total);
     WORKER_LOG_INFO(fmt::format("[FileUploader] Upload of {} succeeded. Speed: {:.3f} bytes/sec over {:.3f} seconds.",
                                 m_path.string(), speed, total));
     bytesSent = size;

@@ -42,7 +42,11 @@ void TlsClientContext::resume(SSL* ssl, std::string const& peer)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     auto const found = m_sessions.find(peer);
-    if (found != m_sessions.end()) SSL_set_session(ssl, found->second.get());
+    if (found == m_sessions.end()) return;
+    // A copy: OpenSSL marks the session a connection uses not resumable when that connection ends
+    // without a TLS shutdown or (with a client session cache, as libcurl keeps) gets a new ticket.
+    Session const copy(SSL_SESSION_dup(found->second.get()));
+    if (copy) SSL_set_session(ssl, copy.get());
 }
 
 void TlsClientContext::remember(SSL* ssl, std::string const& peer)
