@@ -86,6 +86,7 @@ struct TAVIX_EXPORT Settings {
     /// with `unknownKey` or `badValue` and changes nothing. `useFile` names the file for this
     /// process (empty: back to the environment). All three are safe from any thread.
     /// @{
+
     /// Holds `value` for `key` over the file's; `unknownKey` or `badValue` when refused.
     static boost::system::error_code set(std::string const& key, std::string const& value);
     /// Drops every value `set` holds.
