@@ -1,5 +1,6 @@
-// libcurl transfers take the proxy the REST transport would take for the same URL
-// (internal; included by the .cpp files that run libcurl).
+/// @file
+/// libcurl transfers take the proxy the REST transport would take for the same URL
+/// (internal; included by the .cpp files that run libcurl).
 #pragma once
 
 #include <tavix/controller/Settings.h>

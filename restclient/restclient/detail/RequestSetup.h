@@ -1,4 +1,5 @@
-// Request set-up shared by the service clients (internal; only their .cpp files include it).
+/// @file
+/// Request set-up shared by the service clients (internal; only their .cpp files include it).
 #pragma once
 
 #include <tavix/net/http/HttpMessage.h>

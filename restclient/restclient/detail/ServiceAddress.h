@@ -1,4 +1,5 @@
-// Pieces shared by the uploader's steps and the tool (internal).
+/// @file
+/// Pieces shared by the uploader's steps and the tool (internal).
 #pragma once
 
 #include <restclient/account/SplitUrl.h>

@@ -1,15 +1,16 @@
-// Uploads one local file to the Storage service on a worker thread of its own: authenticate,
-// find the Account service through the Locator, take the Storage service URL from the current
-// account, ask for a pre-signed upload URL with the file's metadata, and PUT the file there.
-//
-// The caller reads the public fields while the object lives (or waits with `WaitFinished`, or
-// passes a callback); the destructor blocks until the worker is done. Step 6 with error code 0
-// means success. Error codes are grouped in tens by step: 1x locate, 2x Storage URL, 3x upload
-// URL, 4x the file and its transfer; other values are the authentication service's, a request's,
-// an errno, a libcurl code or the transfer's HTTP status. The uploader's own refusals (none of
-// them retried) are 44 an upload URL that is not http or https, 45 not a regular file, 46 a file
-// changed since its MD5 was taken, 47 settings unreadable and 48 a proxy unusable at the transfer,
-// 49 cancelled.
+/// @file
+/// Uploads one local file to the Storage service on a worker thread of its own: authenticate,
+/// find the Account service through the Locator, take the Storage service URL from the current
+/// account, ask for a pre-signed upload URL with the file's metadata, and PUT the file there.
+///
+/// The caller reads the public fields while the object lives (or waits with `WaitFinished`, or
+/// passes a callback); the destructor blocks until the worker is done. Step 6 with error code 0
+/// means success. Error codes are grouped in tens by step: 1x locate, 2x Storage URL, 3x upload
+/// URL, 4x the file and its transfer; other values are the authentication service's, a request's,
+/// an errno, a libcurl code or the transfer's HTTP status. The uploader's own refusals (none of
+/// them retried) are 44 an upload URL that is not http or https, 45 not a regular file, 46 a file
+/// changed since its MD5 was taken, 47 settings unreadable and 48 a proxy unusable at the transfer,
+/// 49 cancelled.
 #pragma once
 
 #include <restclient/AsyncOperation.h>

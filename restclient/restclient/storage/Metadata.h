@@ -1,7 +1,8 @@
-// The key/value list a stored object carries. Entries keep the order in which they were
-// added and keys are unique: adding an existing key changes nothing, so a value is changed by
-// `remove` and `add`, which moves the key to the end. JSON form:
-//   "metadata": {"item": [{"key": "...", "value": <scalar>}, ...]}
+/// @file
+/// The key/value list a stored object carries. Entries keep the order in which they were
+/// added and keys are unique: adding an existing key changes nothing, so a value is changed by
+/// `remove` and `add`, which moves the key to the end. JSON form:
+///   "metadata": {"item": [{"key": "...", "value": <scalar>}, ...]}
 #pragma once
 
 #include <restclient/Export.h>

@@ -1,5 +1,6 @@
-// The storage service's description of one stored object: its properties, metadata, and the
-// links to its download address ("url") and its version list ("versions").
+/// @file
+/// The storage service's description of one stored object: its properties, metadata, and the
+/// links to its download address ("url") and its version list ("versions").
 #pragma once
 
 #include <restclient/Export.h>

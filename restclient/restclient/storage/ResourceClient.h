@@ -1,10 +1,11 @@
-// Read-only clients of the storage service's catalogue: one object's description, the list
-// at a fixed address, searches and lists of an account's objects, and a pre-signed download
-// address. Every operation is a GET; arguments go into the address as they are, unescaped.
-//
-// Each client holds one engine, which delivers the completion of its first request only: use
-// a new client object for every request. An operation returns the URL parser's error (and
-// sends nothing) when the composed address does not parse.
+/// @file
+/// Read-only clients of the storage service's catalogue: one object's description, the list
+/// at a fixed address, searches and lists of an account's objects, and a pre-signed download
+/// address. Every operation is a GET; arguments go into the address as they are, unescaped.
+///
+/// Each client holds one engine, which delivers the completion of its first request only: use
+/// a new client object for every request. An operation returns the URL parser's error (and
+/// sends nothing) when the composed address does not parse.
 #pragma once
 
 #include <restclient/Export.h>

@@ -1,5 +1,6 @@
-// The answers of the resource clients: one resource, a list of resources, and a pre-signed
-// address. An answer that is not a JSON object fills nothing.
+/// @file
+/// The answers of the resource clients: one resource, a list of resources, and a pre-signed
+/// address. An answer that is not a JSON object fills nothing.
 #pragma once
 
 #include <restclient/Export.h>

@@ -1,10 +1,11 @@
-// Creates stored objects in the storage service and hands back their link and a pre-signed
-// address for the object's body; also asks again for the address of an existing object and
-// deletes an object by its link.
-//
-// The client holds one engine, which delivers the completion of its first request only: use
-// a new client object for every request. An operation returns the URL parser's error (and
-// sends nothing) when its address does not parse.
+/// @file
+/// Creates stored objects in the storage service and hands back their link and a pre-signed
+/// address for the object's body; also asks again for the address of an existing object and
+/// deletes an object by its link.
+///
+/// The client holds one engine, which delivers the completion of its first request only: use
+/// a new client object for every request. An operation returns the URL parser's error (and
+/// sends nothing) when its address does not parse.
 #pragma once
 
 #include <restclient/Export.h>

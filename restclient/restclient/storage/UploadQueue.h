@@ -1,16 +1,17 @@
-// Store-and-forward for uploads: files handed to the queue reach the Storage service exactly once,
-// whatever the link, the cloud or the device does in between. The queue lives in a spool
-// directory: the held files and a SQLite journal (WAL, synchronous commits) that is the truth about
-// every entry, so a killed process or a power cut resumes where the journal says.
-//
-// Each entry is sent by a `FileUploader` (its behaviour unchanged). A failure is sorted: transient
-// ones go back with exponential back-off and full jitter, permanent ones go to the failed list
-// until an explicit retry. An entry that was being sent when the process died, or whose transfer
-// ended without an answer, may already be stored: before sending it again the runner asks the
-// Storage service (search by name and type, compared on MD5 and size) and never sends it blind.
-//
-// What the queue cannot promise: a file deleted or changed before `enqueue` returned, or a file
-// held by reference that changes before it is sent (that entry fails with a clear reason).
+/// @file
+/// Store-and-forward for uploads: files handed to the queue reach the Storage service exactly once,
+/// whatever the link, the cloud or the device does in between. The queue lives in a spool
+/// directory: the held files and a SQLite journal (WAL, synchronous commits) that is the truth about
+/// every entry, so a killed process or a power cut resumes where the journal says.
+///
+/// Each entry is sent by a `FileUploader` (its behaviour unchanged). A failure is sorted: transient
+/// ones go back with exponential back-off and full jitter, permanent ones go to the failed list
+/// until an explicit retry. An entry that was being sent when the process died, or whose transfer
+/// ended without an answer, may already be stored: before sending it again the runner asks the
+/// Storage service (search by name and type, compared on MD5 and size) and never sends it blind.
+///
+/// What the queue cannot promise: a file deleted or changed before `enqueue` returned, or a file
+/// held by reference that changes before it is sent (that entry fails with a clear reason).
 #pragma once
 
 #include <restclient/Export.h>
