@@ -1,6 +1,5 @@
-/// @file
-/// libcurl transfers take the proxy the REST transport would take for the same URL
-/// (internal; included by the .cpp files that run libcurl).
+// libcurl transfers take the proxy the REST transport would take for the same URL
+// (internal; included by the .cpp files that run libcurl).
 #pragma once
 
 #include <tavix/controller/Settings.h>

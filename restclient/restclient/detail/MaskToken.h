@@ -1,6 +1,5 @@
-/// @file
-/// How a token is shown wherever it is shown at all: in the workers' DEBUG lines, by the tool,
-/// on the emulator's control route (internal).
+// How a token is shown wherever it is shown at all: in the workers' DEBUG lines, by the tool,
+// on the emulator's control route (internal).
 #pragma once
 
 #include <string>

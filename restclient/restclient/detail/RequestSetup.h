@@ -1,5 +1,4 @@
-/// @file
-/// Request set-up shared by the service clients (internal; only their .cpp files include it).
+// Request set-up shared by the service clients (internal; only their .cpp files include it).
 #pragma once
 
 #include <tavix/net/http/HttpMessage.h>

@@ -1,5 +1,4 @@
-/// @file
-/// Pieces shared by the uploader's steps and the tool (internal).
+// Pieces shared by the uploader's steps and the tool (internal).
 #pragma once
 
 #include <restclient/account/SplitUrl.h>

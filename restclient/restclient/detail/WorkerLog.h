@@ -1,8 +1,7 @@
-/// @file
-/// Logging of the two workers: the maker's logger is set up before the first line, and every
-/// line goes to the root logger with its level tested first (the LOG4CPLUS_* macros do that).
-/// Each line holds a logger guard, so that a worker still running while the process exits
-/// never touches log4cplus after it has been torn down.
+// Logging of the two workers: the maker's logger is set up before the first line, and every
+// line goes to the root logger with its level tested first (the LOG4CPLUS_* macros do that).
+// Each line holds a logger guard, so that a worker still running while the process exits
+// never touches log4cplus after it has been torn down.
 #pragma once
 
 #include <restclient/detail/MaskToken.h>

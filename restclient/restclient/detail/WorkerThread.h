@@ -1,6 +1,5 @@
-/// @file
-/// Starting a worker thread (internal): the workers run with a stack of 1,024,000 bytes rounded
-/// up to whole pages, and carry a name the kernel shows.
+// Starting a worker thread (internal): the workers run with a stack of 1,024,000 bytes rounded
+// up to whole pages, and carry a name the kernel shows.
 #pragma once
 
 #include <tavix/os/KernelX.h>
