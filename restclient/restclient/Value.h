@@ -53,6 +53,7 @@ struct BoolDeserializer {
     }
 };
 
+/// @brief The reader Value takes for T unless told otherwise; defined for the four scalars below.
 template <typename T>
 struct DefaultDeserializer;
 /// @brief Value's reader for `unsigned int`.

@@ -99,6 +99,7 @@ struct TAVIX_EXPORT Settings {
 } // namespace tavix::controller
 
 namespace boost::system {
+/// Makes SettingsError an error code enum: it converts to boost::system::error_code.
 template <>
 struct is_error_code_enum<tavix::controller::SettingsError> : std::true_type {};
 } // namespace boost::system

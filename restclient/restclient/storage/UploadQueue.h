@@ -227,6 +227,7 @@ private:
 } // namespace tavix::restclient::storage
 
 namespace boost::system {
+/// Makes QueueError an error code enum: it converts to boost::system::error_code.
 template <>
 struct is_error_code_enum<tavix::restclient::storage::QueueError> : std::true_type {};
 } // namespace boost::system

@@ -66,6 +66,7 @@ TAVIX_EXPORT std::optional<Proxy> chooseProxy(Url const& url, controller::Settin
 } // namespace tavix::net::http
 
 namespace boost::system {
+/// Makes ProxyError an error code enum: it converts to boost::system::error_code.
 template <>
 struct is_error_code_enum<tavix::net::http::ProxyError> : std::true_type {};
 } // namespace boost::system
