@@ -1,4 +1,5 @@
-// A request body that renders itself as JSON text.
+/// @file
+/// A request body that renders itself as JSON text.
 #pragma once
 
 #include <restclient/Export.h>
@@ -7,8 +8,10 @@
 
 namespace tavix::restclient {
 
+/// @brief A request body: what the clients that send one (StoreClient, RegistrationClient) take.
 class RESTCLIENT_EXPORT IWebRequest {
 public:
+    /// The body as JSON text, sent as it is.
     virtual std::string getPayload() const = 0;
     virtual ~IWebRequest() = default;
 };

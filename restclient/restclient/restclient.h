@@ -1,4 +1,5 @@
-// Every public header of both libraries, for callers who want them all.
+/// @file
+/// Every public header of both libraries, for callers who want them all.
 #pragma once
 
 #include <tavix/JsonWriter.h>

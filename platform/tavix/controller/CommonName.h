@@ -1,4 +1,5 @@
-// The name the device's certificate was issued to.
+/// @file
+/// The name the device's certificate was issued to.
 #pragma once
 
 #include <tavix/Export.h>
@@ -7,9 +8,11 @@
 
 namespace tavix::controller {
 
+/// @brief The device's common name, which the uploader stores with every file (`_commonname`).
 class TAVIX_EXPORT CommonName {
 public:
-    // common_name of the controller settings, read afresh at each call; empty when unset or unreadable.
+    /// `common_name` of the controller settings, read afresh at each call; empty when unset or
+    /// unreadable.
     static std::string GetCommonName();
 };
 

@@ -1,4 +1,5 @@
-// The device's TLS provisioning: its client certificate and whether the older protocol is on.
+/// @file
+/// The device's TLS provisioning: its client certificate and whether the older protocol is on.
 #pragma once
 
 #include <tavix/Export.h>
@@ -7,11 +8,13 @@
 
 namespace tavix::controller {
 
-// Both read the controller settings afresh at each call; unreadable settings read as unset.
+/// @brief What the uploader's transfer takes from the TLS provisioning.
+///
+/// Both read the controller settings afresh at each call; unreadable settings read as unset.
 class TAVIX_EXPORT SoapHelper {
 public:
-    static std::string GetClientCertFile(); // client_cert_file: certificate and key, PEM
-    static bool GetDisableTLS();            // disable_tls: the older protocol is configured
+    static std::string GetClientCertFile(); ///< `client_cert_file`: certificate and key, PEM; empty: none
+    static bool GetDisableTLS();            ///< `disable_tls`: the older protocol is configured
 };
 
 } // namespace tavix::controller

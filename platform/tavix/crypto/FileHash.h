@@ -1,4 +1,5 @@
-// Digests of whole files, streamed through OpenSSL in constant memory.
+/// @file
+/// Digests of whole files, streamed through OpenSSL in constant memory.
 #pragma once
 
 #include <tavix/Export.h>
@@ -10,15 +11,22 @@
 
 namespace tavix::crypto {
 
-enum CryptoEncoding { Binary = 0, Base64 = 1, HexLower = 2 };
+/// How a digest is returned.
+enum CryptoEncoding {
+    Binary = 0,  ///< the raw digest bytes
+    Base64 = 1,  ///< Base64 text
+    HexLower = 2 ///< lower-case hexadecimal text (what the uploader sends as `_md5checksum`)
+};
 
-// `algorithm` is an OpenSSL digest name ("md5", "sha256" ...). On error `error` is set and the
-// result is empty.
+/// The digest of the file at `path`. `algorithm` is an OpenSSL digest name ("md5", "sha256" ...).
+/// On error `error` is set and the result is empty: the errno of opening or reading the file
+/// (generic category), `invalid_argument` for an unknown algorithm, `not_enough_memory`.
+/// Reads whatever the path names: a FIFO or a device may block or never end.
 TAVIX_EXPORT std::string computeFileHash(std::string const& path, std::string const& algorithm,
                                          boost::system::error_code& error, CryptoEncoding encoding);
-// The same over an open descriptor, from its current offset to its end (the caller keeps it
-// open and decides what it may be). Given up with `operation_canceled` when `cancelled`, asked
-// between chunks, returns true.
+/// The same over an open descriptor, from its current offset to its end (the caller keeps it
+/// open and decides what it may be). Given up with `operation_canceled` when `cancelled`, asked
+/// between chunks, returns true; an empty `cancelled` is never asked.
 TAVIX_EXPORT std::string computeFileHash(int fd, std::string const& algorithm, boost::system::error_code& error,
                                          CryptoEncoding encoding, boost::function<bool()> const& cancelled);
 

@@ -1,4 +1,5 @@
-// What the operating system tells about this device's network interfaces.
+/// @file
+/// What the operating system tells about this device's network interfaces.
 #pragma once
 
 #include <tavix/Export.h>
@@ -7,10 +8,11 @@
 
 namespace tavix::os {
 
+/// @brief The device's identity on the network, stored with every uploaded file (`_mac`).
 class TAVIX_EXPORT NetworkInterfaces {
 public:
-    // The MAC address of the first non-loopback interface that has one, as "aa:bb:cc:dd:ee:ff";
-    // empty when there is none.
+    /// The MAC address of the first non-loopback interface that has one, as "aa:bb:cc:dd:ee:ff";
+    /// empty when there is none.
     static std::string uniqueMacAddress();
 };
 

@@ -1,4 +1,5 @@
-// The build's version text, fixed when the platform library is built.
+/// @file
+/// The build's version text, fixed when the platform library is built.
 #pragma once
 
 #include <tavix/Export.h>
@@ -7,7 +8,8 @@
 
 namespace tavix::version {
 
-// "<major>.<minor>.<patch>+<git revision>", or without the revision outside a git checkout.
+/// `major.minor.patch+revision` (the git revision at configure time), or without the revision
+/// outside a git checkout. The uploader stores it with every file (`buildnumber`).
 TAVIX_EXPORT std::string get_build_version();
 
 } // namespace tavix::version

@@ -1,15 +1,16 @@
-// Uploads one local file to the Storage service on a worker thread of its own: authenticate,
-// find the Account service through the Locator, take the Storage service URL from the current
-// account, ask for a pre-signed upload URL with the file's metadata, and PUT the file there.
-//
-// The caller reads the public fields while the object lives (or waits with `WaitFinished`, or
-// passes a callback); the destructor blocks until the worker is done. Step 6 with error code 0
-// means success. Error codes are grouped in tens by step: 1x locate, 2x Storage URL, 3x upload
-// URL, 4x the file and its transfer; other values are the authentication service's, a request's,
-// an errno, a libcurl code or the transfer's HTTP status. The uploader's own refusals (none of
-// them retried) are 44 an upload URL that is not http or https, 45 not a regular file, 46 a file
-// changed since its MD5 was taken, 47 settings unreadable and 48 a proxy unusable at the transfer,
-// 49 cancelled.
+/// @file
+/// Uploads one local file to the Storage service on a worker thread of its own: authenticate,
+/// find the Account service through the Locator, take the Storage service URL from the current
+/// account, ask for a pre-signed upload URL with the file's metadata, and PUT the file there.
+///
+/// The caller reads the public fields while the object lives (or waits with `WaitFinished`, or
+/// passes a callback); the destructor blocks until the worker is done. Step 6 with error code 0
+/// means success. Error codes are grouped in tens by step: 1x locate, 2x Storage URL, 3x upload
+/// URL, 4x the file and its transfer; other values are the authentication service's, a request's,
+/// an errno, a libcurl code or the transfer's HTTP status. The uploader's own refusals (none of
+/// them retried) are 44 an upload URL that is not http or https, 45 not a regular file, 46 a file
+/// changed since its MD5 was taken, 47 settings unreadable and 48 a proxy unusable at the transfer,
+/// 49 cancelled.
 #pragma once
 
 #include <restclient/AsyncOperation.h>
@@ -38,51 +39,84 @@
 
 namespace tavix::restclient::storage {
 
-// Local time of `t` as "YYYY-MM-DDTHH:MM:SS+hh:mm".
+/// Local time of `t` (seconds since the epoch) as "YYYY-MM-DDTHH:MM:SS+hh:mm": the uploader's
+/// `datecreated` metadata.
 RESTCLIENT_EXPORT std::string ISO8601Time(long t);
 
 // The members stand in the order of the uploader's record, which interleaves the fields callers
 // read (media location, step, error code and message) with private ones: hence the alternating
 // public and private sections. The statics are references to objects never destroyed, because a
 // worker may still run while the process exits.
+/// @brief Uploads one file to the Storage service on a worker thread ("FileUploader_worker").
+///
+/// One object, one upload: the worker starts in the constructor and the object is finished for
+/// good at step 6. Every REST step uses a new client object, as the one-completion rule asks.
+///
+/// Threads: the public fields may be read from any thread while the object lives (the atomics at
+/// any time; `errorMessage` and `mediaLocation` once `step` is 6). Cancel() and WaitFinished() are
+/// safe from any thread. The object must outlive the worker: the destructor joins it.
+///
+/// Nothing leaves the worker: an exception there ends the upload with code 1, an answer of the
+/// wrong shape fails its step ("malformed answer" in the message).
+///
+/// @note CA bundle: the transfer (step 5, libcurl) verifies the upload host against
+/// `SetCACertFile`'s bundle only. Empty (the default) falls back to the fixed controller path
+/// "/etc/openvpn/ca-bundle.crt", NOT to the settings' `ca_file` (which the REST steps use). Pass
+/// the settings' CA bundle explicitly (Settings::current().caFile) when that is the one.
+///
+/// @note After a failed upload an object with the file's name may remain in the Storage service
+/// without its body: the store request of step 4 created it before the transfer failed, and
+/// searches return it. See ResourceSearchClient for how to tell it (`contentLength` 0, its
+/// download address 404); UploadQueue removes it before sending again.
 class RESTCLIENT_EXPORT FileUploader {
 public:
-    // Called once after the step has become 6: on the worker thread, or within the constructor
-    // when the file is missing. It must not destroy the uploader. Exceptions it throws are
-    // swallowed.
+    /// Called once after the step has become 6: on the worker thread, or within the constructor
+    /// when the file is missing or not a regular file. It must not destroy the uploader (the
+    /// destructor would then detach the worker). Exceptions it throws are swallowed.
     using Finished = boost::function<void(FileUploader const&)>;
 
+    /// Checks the file and starts the worker; no callback.
+    /// @param file     the file to send; a missing one ends at once with 2, anything but a regular
+    ///                 file with 45 (step 6, no thread)
+    /// @param name     the stored object's name
+    /// @param type     the stored object's type
+    /// @param metadata the caller's entries, after the built-in ones (`buildnumber`, `_hostname`,
+    ///                 `_mac`, `_commonname`, `datecreated`, `_filename`, `_md5checksum`); a key equal to
+    ///                 a built-in one is dropped
+    /// @param appKey   the application key whose token (controller::OAuthHelper) authenticates
     FileUploader(boost::filesystem::path const& file, std::string const& name, std::string const& type,
                  std::map<std::string, std::string> const& metadata, std::string const& appKey);
+    /// The same, with `onFinished` called once at step 6 (see Finished).
     FileUploader(boost::filesystem::path const& file, std::string const& name, std::string const& type,
                  std::map<std::string, std::string> const& metadata, std::string const& appKey, Finished onFinished);
     FileUploader(FileUploader const&) = delete;
     FileUploader& operator=(FileUploader const&) = delete;
-    // Joins the worker, logging every 5 seconds while it still runs; it does not cancel (call
-    // Cancel first to end promptly).
+    /// Joins the worker, logging every 5 seconds while it still runs; it does not cancel (call
+    /// Cancel first to end promptly): an upload's waits can last minutes.
     ~FileUploader();
 
-    // Asks the worker to stop: it ends within about a second at whatever it is doing (a REST
-    // wait, the token request, the MD5 pass, the transfer, the pause between attempts) with 49
-    // "Upload cancelled.", unless the upload was already complete. Any thread; returns at once.
+    /// Asks the worker to stop: it ends within about a second at whatever it is doing (a REST
+    /// wait, the token request, the MD5 pass, the transfer, the pause between attempts) with 49
+    /// "Upload cancelled.", unless the upload was already complete. Any thread; returns at once.
     void Cancel();
 
-    // The CA bundle for the transfer; takes effect for a transfer not yet begun. Empty: the
-    // default "/etc/openvpn/ca-bundle.crt".
+    /// The CA bundle for the transfer; takes effect for a transfer not yet begun. Empty: the
+    /// default "/etc/openvpn/ca-bundle.crt", not the settings' `ca_file` (see the class).
     void SetCACertFile(std::string const& file);
+    /// The bundle the transfer will use: the one set, else the default path.
     std::string GetCACertFile() const;
-    // A transfer attempt that moves no byte for this long fails like any transfer error and is
-    // tried again (default 60 s); takes effect for a transfer not yet begun.
+    /// A transfer attempt that moves no byte for this long fails like any transfer error and is
+    /// tried again (default 60 s); takes effect for a transfer not yet begun.
     void SetStallTimeout(std::chrono::seconds stall);
-    // Caps the transfer at this many bytes per second (0: no cap, the default); takes effect for
-    // a transfer not yet begun. For metered or shared links.
+    /// Caps the transfer at this many bytes per second (0: no cap, the default); takes effect for
+    /// a transfer not yet begun. For metered or shared links.
     void SetMaxSendSpeed(std::uint64_t bytesPerSecond);
 
-    // Until when (seconds since the epoch) a failed Locator lookup is not tried again by any
-    // uploader of the process; 0 when the last lookup did not fail.
+    /// Until when (seconds since the epoch) a failed Locator lookup is not tried again by any
+    /// uploader of the process; 0 when the last lookup did not fail.
     static std::time_t LocatorBackoffEnd();
 
-    // Blocks until the step is 6 or `timeout` has passed; true when finished.
+    /// Blocks until the step is 6 or `timeout` has passed; true when finished.
     bool WaitFinished(std::chrono::milliseconds timeout) const;
 
 private:
@@ -162,8 +196,8 @@ private:
     std::string m_uploadURL;
 
 public:
-    // Storage service URL + "/media", set with the upload URL. Like the error message, read it
-    // once the step is 6: the step is stored last, so everything written before is visible then.
+    /// Storage service URL + "/media", set with the upload URL. Like the error message, read it
+    /// once the step is 6: the step is stored last, so everything written before is visible then.
     std::string mediaLocation;
 
 private:
@@ -171,16 +205,22 @@ private:
     boost::shared_ptr<boost::thread> m_thread;
 
 public:
-    std::atomic<std::int32_t> step{0};      // 0 not begun, 1..5 the step running, 6 finished
-    std::atomic<std::int32_t> errorCode{0}; // 0: none
-    std::string errorMessage;
-    // Progress of the transfer, safe to read from any thread while it runs.
-    std::atomic<std::int64_t> bytesSent{0};
-    std::atomic<std::int64_t> bytesTotal{0};
-    // Once the step is 6 and the upload failed: the step that failed (1..5) and the HTTP status
-    // of the answer that ended it (0 when none came), for callers that sort failures.
-    std::atomic<std::int32_t> failedStep{0};
-    std::atomic<std::int32_t> httpStatus{0};
+    std::atomic<std::int32_t> step{0};      ///< 0 not begun, 1..5 the step running, 6 finished
+    std::atomic<std::int32_t> errorCode{0}; ///< 0: none; the codes in the file description and README
+    std::string errorMessage;               ///< the failure's text; read once the step is 6
+    /// @name Progress
+    /// Progress of the transfer, safe to read from any thread while it runs.
+    /// @{
+    std::atomic<std::int64_t> bytesSent{0};  ///< bytes of the file sent in the current attempt
+    std::atomic<std::int64_t> bytesTotal{0}; ///< the file's size at the attempt's start
+    /// @}
+    /// @name Failure
+    /// Once the step is 6 and the upload failed: the step that failed (1..5) and the HTTP status
+    /// of the answer that ended it (0 when none came), for callers that sort failures.
+    /// @{
+    std::atomic<std::int32_t> failedStep{0}; ///< the step that failed, 1..5
+    std::atomic<std::int32_t> httpStatus{0}; ///< its answer's status; 0: none came
+    /// @}
 
 private:
     bool m_reauthenticated = false;
