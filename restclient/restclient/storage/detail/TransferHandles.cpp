@@ -189,6 +189,9 @@ void TransferHandle::offerRestSessions(std::string const& caFile, std::string co
     boost::system::error_code ec;
     auto context = net::http::sharedTlsContext(caFile, clientCertFile, ec);
     if (!context) return; // libcurl reports what is wrong with the files
+    // The HTTP client looks at the files once a second: sessions it made under a CA bundle or a
+    // client certificate replaced since then are not offered.
+    if (context->caIdentity != m_share->ca || context->certIdentity != m_share->cert) return;
     auto bridge = std::make_shared<SessionBridge>(SessionBridge{std::move(context), host + ":" + std::to_string(port)});
     curl_easy_setopt(m_curl, CURLOPT_SSL_CTX_FUNCTION, &onSslContext);
     curl_easy_setopt(m_curl, CURLOPT_SSL_CTX_DATA, bridge.get());

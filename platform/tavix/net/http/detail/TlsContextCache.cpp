@@ -67,7 +67,6 @@ std::shared_ptr<TlsClientContext> sharedTlsContext(std::string const& caFile, st
 {
     struct Entry {
         std::shared_ptr<TlsClientContext> context;
-        detail::FileIdentity ca, cert;
         detail::RecheckTimer recheck;
     };
     // Never destroyed: a worker may still make a connection while the process exits. A few
@@ -84,15 +83,15 @@ std::shared_ptr<TlsClientContext> sharedTlsContext(std::string const& caFile, st
     Entry& entry = cache.entries[{caFile, clientCertFile}];
     if (entry.recheck.due(detail::RecheckTimer::Clock::now()) || !entry.context) {
         auto const ca = detail::FileIdentity::of(caFile), cert = detail::FileIdentity::of(clientCertFile);
-        if (!entry.context || ca != entry.ca || cert != entry.cert) {
+        if (!entry.context || ca != entry.context->caIdentity || cert != entry.context->certIdentity) {
             auto fresh = build(caFile, clientCertFile, ec);
             if (!fresh) {
                 entry.recheck.reset(); // a file being fixed is tried again at the next use
                 return nullptr;
             }
+            fresh->caIdentity = ca;
+            fresh->certIdentity = cert;
             entry.context = std::move(fresh);
-            entry.ca = ca;
-            entry.cert = cert;
         }
     }
     ec = {};

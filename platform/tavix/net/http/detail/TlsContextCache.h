@@ -8,6 +8,7 @@
 #pragma once
 
 #include <tavix/Export.h>
+#include <tavix/detail/FileIdentity.h>
 
 #include <boost/asio/ssl/context.hpp>
 #include <boost/system/error_code.hpp>
@@ -26,6 +27,9 @@ public:
     TlsClientContext& operator=(TlsClientContext const&) = delete;
 
     boost::asio::ssl::context& context() { return m_context; }
+
+    // The versions of the CA bundle and the client certificate the context was built from.
+    detail::FileIdentity caIdentity, certIdentity;
 
     // Before the handshake: offers the session last remembered for `peer` ("host:port").
     void resume(SSL* ssl, std::string const& peer);
