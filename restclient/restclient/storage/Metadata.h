@@ -17,6 +17,7 @@
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace tavix::restclient::storage {
 
@@ -31,6 +32,8 @@ public:
 
     std::size_t size() const { return m_entries.size(); }
     bool exists(std::string const& key) const;
+    // The keys in entry order, for callers that list what an object carries.
+    std::vector<std::string> keys() const;
 
     // Values of other kinds enter only through `deserialize`.
     template <typename T>
