@@ -31,8 +31,10 @@ bool listMetadataKeys(std::string const& storageUrl, std::string const& name, st
         io,
         [&](storage::ResourcesResponse const& r, veltrun::TavixErrorResponse const& e, unsigned int status,
             boost::system::error_code const& ec) {
-            if (ec || status != 200)
-                return void(std::cerr << "search: " << status << " " << ec.message() << " " << e.message.value << "\n");
+            if (ec || status != 200) {
+                std::cerr << "search: status " << status << " " << ec.message() << " " << e.message.value << "\n";
+                return;
+            }
             for (storage::Resource const& object : r.resources) {
                 if (object.name.value != name) continue;
                 found = true;
