@@ -180,6 +180,18 @@ TEST_F(CliTest, EachFailureClassHasItsExitStatusAndMessage)
          4,
          "current account: malformed answer"},
         {"upload failure", {}, {"--token", "t", "upload", "/nonexistent/file"}, 5, "error 2: File doesn't exist."},
+        // A CA bundle that cannot be read is named, by the request and by the authentication.
+        {"CA bundle missing",
+         {},
+         {"--token", "t", "--ca-file", "/nonexistent/ca.pem", "--locator-url", "https://127.0.0.1:1/locator/rest",
+          "locate", "ACCOUNT"},
+         3,
+         "error 2 (generic): No such file or directory: ca_file /nonexistent/ca.pem"},
+        {"CA bundle a directory",
+         {},
+         {"--ca-file", dir.string(), "--auth-url", "https://127.0.0.1:1/oauth/token", "geo"},
+         6,
+         "error 21: Is a directory: ca_file " + dir.string()},
         {"refused token",
          [this] {
              cloud.scriptReply({401, R"({"error": "invalid_client"})", "application/json", "oauth/token"});

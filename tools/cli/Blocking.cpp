@@ -1,5 +1,8 @@
 #include <tools/cli/Blocking.h>
 
+#include <tavix/controller/Settings.h>
+#include <tavix/net/http/TlsFiles.h>
+
 #include <exception>
 
 namespace tavix::cli {
@@ -19,8 +22,13 @@ Exit runUntilDone(boost::asio::io_context& io, bool const& done, std::string con
 
 Exit transportFailure(std::string const& what, boost::system::error_code const& ec)
 {
-    return fail(transport,
-                what + ": error " + std::to_string(ec.value()) + " (" + ec.category().name() + "): " + ec.message());
+    std::string text =
+        what + ": error " + std::to_string(ec.value()) + " (" + ec.category().name() + "): " + ec.message();
+    // A CA bundle or client certificate that cannot be read: which one.
+    auto const settings = controller::Settings::current();
+    std::string which;
+    if (net::http::checkTlsFiles(settings.caFile, settings.clientCertFile, &which) == ec) text += ": " + which;
+    return fail(transport, text);
 }
 
 } // namespace tavix::cli

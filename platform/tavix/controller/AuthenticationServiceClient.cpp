@@ -4,6 +4,7 @@
 #include <tavix/controller/OAuthHelper.h>
 #include <tavix/controller/Settings.h>
 #include <tavix/net/http/HttpClient.h>
+#include <tavix/net/http/TlsFiles.h>
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/asio/io_context.hpp>
@@ -140,6 +141,8 @@ int authenticate(std::string const& appKey, std::string& message, boost::functio
     }
     if (transport) {
         message = transport.message();
+        std::string which;
+        if (http::checkTlsFiles(settings.caFile, settings.clientCertFile, &which) == transport) message += ": " + which;
         return transport.value();
     }
     if (response.status() != 200) {

@@ -3,6 +3,9 @@
 
 #include <restclient/account/SplitUrl.h>
 
+#include <tavix/controller/Settings.h>
+#include <tavix/net/http/TlsFiles.h>
+
 #include <boost/system/error_code.hpp>
 
 #include <string>
@@ -37,7 +40,15 @@ inline std::string restLocatorUrl(std::string url)
 template <typename ErrorDocument>
 std::string describeFailure(boost::system::error_code const& ec, ErrorDocument const& error)
 {
-    return "Error code: " + std::to_string(ec.value()) + " Error message: " + ec.message()
+    // A CA bundle or client certificate that cannot be read: which one.
+    std::string which;
+    if (ec) {
+        auto const settings = controller::Settings::current();
+        if (net::http::checkTlsFiles(settings.caFile, settings.clientCertFile, &which) == ec)
+            which = " (" + which + ")";
+        else which.clear();
+    }
+    return "Error code: " + std::to_string(ec.value()) + " Error message: " + ec.message() + which
         + " Response code: " + std::to_string(error.code.value) + " Sub-code: " + std::to_string(error.subCode.value)
         + " Message: " + error.message.value + " Details: " + error.details.value;
 }

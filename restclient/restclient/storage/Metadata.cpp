@@ -16,6 +16,14 @@ Json::Value const* member(Json::Value const& json, char const* key)
 
 bool Metadata::exists(std::string const& key) const { return m_entries.get<1>().count(key) != 0; }
 
+std::vector<std::string> Metadata::keys() const
+{
+    std::vector<std::string> keys;
+    keys.reserve(m_entries.size());
+    for (Entry const& entry : m_entries) keys.push_back(entry.first);
+    return keys;
+}
+
 void Metadata::add(std::string const& key, char* value)
 {
     if (value) insert(key, Variant(std::string(value)));

@@ -70,6 +70,7 @@ TEST(Metadata, KeepsInsertionOrderAndTheFirstValueOfAKey)
     char empty[] = "";
     metadata.add("e", empty);
     EXPECT_EQ(metadata.size(), 3u);
+    EXPECT_EQ(metadata.keys(), (std::vector<std::string>{"b", "a", "e"}));
     EXPECT_EQ(metadata.get<std::string>("b"), "1");
     EXPECT_TRUE(metadata.exists("e"));
     EXPECT_FALSE(metadata.exists("c"));
@@ -77,6 +78,7 @@ TEST(Metadata, KeepsInsertionOrderAndTheFirstValueOfAKey)
     EXPECT_EQ(metadata.remove("b") + metadata.remove("b"), 1u);
     metadata.add<std::string>("b", "4");
     Metadata const copy = metadata;
+    EXPECT_EQ(copy.keys(), (std::vector<std::string>{"a", "e", "b"}));
     EXPECT_EQ(written(copy),
               R"({"metadata":{"item":[{"key":"a","value":"2"},{"key":"e","value":""},{"key":"b","value":"4"}]}})");
 }

@@ -1,6 +1,7 @@
 #include <tavix/net/http/HttpClient.h>
 
 #include <tavix/controller/Settings.h>
+#include <tavix/net/http/TlsFiles.h>
 #include <tests/support/IssuedCertificate.h>
 #include <tests/support/Loopback.h>
 #include <tests/support/RawPeer.h>
@@ -13,6 +14,8 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+
+#include <unistd.h>
 
 namespace tavix::net::http {
 namespace {
@@ -236,6 +239,50 @@ TEST_F(HttpClientTlsTest, OnlyTheConfiguredCaIsTrustedAndTheClientCertificateIsP
     EXPECT_TRUE(untrusted.ec);
     EXPECT_EQ(untrusted.response.status(), 0u);
     EXPECT_TRUE(server.requests().empty());
+}
+
+// OpenSSL would tell a missing or unreadable file only as "asio.ssl error": the file is checked
+// first, its errno returned and nothing sent.
+TEST_F(HttpClientTlsTest, ATlsFileThatCannotBeReadIsToldByItsErrnoAndNothingIsSent)
+{
+    auto const dir = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("tls-files-%%%%");
+    boost::filesystem::create_directories(dir);
+    std::string const missing = (dir / "missing.pem").string(), noAccess = (dir / "no-access.pem").string();
+    boost::filesystem::copy_file(test::certs::ca(), noAccess);
+    boost::filesystem::permissions(noAccess, boost::filesystem::no_perms);
+    struct Case {
+        std::string settings;
+        boost::system::errc::errc_t error;
+        std::string which;
+    } cases[] = {
+        {"ca_file = " + missing, boost::system::errc::no_such_file_or_directory, "ca_file " + missing},
+        {"ca_file = " + dir.string(), boost::system::errc::is_a_directory, "ca_file " + dir.string()},
+        {"ca_file = " + test::certs::ca() + "\nclient_cert_file = " + missing,
+         boost::system::errc::no_such_file_or_directory, "client_cert_file " + missing},
+        {"ca_file = " + noAccess, boost::system::errc::permission_denied, "ca_file " + noAccess},
+    };
+    for (Case const& c : cases) {
+        if (c.error == boost::system::errc::permission_denied && ::geteuid() == 0) continue; // root reads it all
+        config.write(c.settings + "\n");
+        Outcome outcome;
+        auto http = client(outcome);
+        boost::system::error_code const started = http->asyncRequest(request(localhost));
+        EXPECT_EQ(started, boost::system::errc::make_error_code(c.error)) << c.settings << ": " << started.message();
+        EXPECT_EQ(&started.category(), &boost::system::generic_category()) << c.settings;
+        test::runUntilIdle(io);
+        EXPECT_EQ(outcome.calls, 1);
+        EXPECT_EQ(outcome.ec, started);
+
+        auto const settings = controller::Settings::current();
+        std::string which;
+        EXPECT_EQ(checkTlsFiles(settings.caFile, settings.clientCertFile, &which), started);
+        EXPECT_EQ(which, c.which);
+    }
+    EXPECT_TRUE(server.requests().empty());
+    config.write("ca_file = " + test::certs::ca() + "\nclient_cert_file = " + test::certs::client() + "\n");
+    EXPECT_FALSE(checkTlsFiles(test::certs::ca(), test::certs::client()));
+    EXPECT_FALSE(get().ec);
+    boost::filesystem::remove_all(dir);
 }
 
 // The peer's name is checked, not only its CA: a certificate for "localhost" alone is good for

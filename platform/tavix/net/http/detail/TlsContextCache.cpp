@@ -3,6 +3,7 @@
 #include <tavix/net/http/detail/TlsContextCache.h>
 
 #include <tavix/detail/FileIdentity.h>
+#include <tavix/net/http/TlsFiles.h>
 
 #include <map>
 #include <mutex>
@@ -21,6 +22,9 @@ constexpr std::size_t maxSessions = 64;
 
 std::shared_ptr<TlsClientContext> build(std::string const& caFile, std::string const& clientCertFile, error_code& ec)
 {
+    // Told by their errno here; OpenSSL would say only "asio.ssl error".
+    ec = checkTlsFiles(caFile, clientCertFile);
+    if (ec) return nullptr;
     auto client = std::make_shared<TlsClientContext>();
     ssl::context* context = &client->context();
     context->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3
