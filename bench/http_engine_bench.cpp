@@ -1,7 +1,7 @@
 // Sequential GETs of a ~1 KB JSON document from a loopback server: each through a fresh
 // `RestClient` engine (URL parsed, headers set, JSON decoded, as a service client does it) and
-// through a fresh `HttpClient` alone, beside minimal Boost.Beast code doing the same exchanges,
-// over HTTP and over HTTPS, in two groups:
+// through a fresh `HttpClient` alone, beside minimal Boost.Beast code doing the same exchanges
+// and decoding the same document with jsoncpp, over HTTP and over HTTPS, in two groups:
 //  - a new connection per request: ours with `connection_reuse = false` (over HTTPS its new
 //    connections resume the last TLS session), Beast with a full handshake each time and, over
 //    HTTPS, Beast offering the last session too;
@@ -33,6 +33,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -133,7 +134,17 @@ int transportLoop(std::string const& url, int count)
     return failures;
 }
 
-// The obvious minimal Beast code: no time-outs, no URL parsing, no JSON decoding.
+// The document decoded as a client would: jsoncpp's reader over the body, the two members read.
+bool decoded(std::string const& body)
+{
+    static Json::CharReaderBuilder const builder;
+    std::unique_ptr<Json::CharReader> const reader(builder.newCharReader());
+    Json::Value root;
+    if (!reader->parse(body.data(), body.data() + body.size(), &root, nullptr)) return false;
+    return !root["id"].asString().empty() && root["links"].size() == 12;
+}
+
+// The obvious minimal Beast code: no time-outs, no URL parsing; the JSON decoded as ours is.
 struct PlainBeast {
     enum class Mode {
         newConnection, // "Connection: close", a new connection (and full TLS handshake) per request
@@ -185,7 +196,7 @@ struct PlainBeast {
             http::response<http::string_body> response;
             if (!ec) http::write(stream, request(mode), ec);
             if (!ec) http::read(stream, buffer, response, ec);
-            if (ec || response.result_int() != 200) ++failures;
+            if (ec || response.result_int() != 200 || !decoded(response.body())) ++failures;
         };
         auto openTls = [&](TlsStream& stream, boost::system::error_code& ec) {
             prepare(stream, mode);
@@ -228,7 +239,7 @@ struct PlainBeast {
         bool done = false;
         auto finish = [&](boost::system::error_code ec) {
             done = true;
-            if (ec || response.result_int() != 200) ++failures;
+            if (ec || response.result_int() != 200 || !decoded(response.body())) ++failures;
         };
         auto exchange = [&](auto& stream) {
             response = {};

@@ -20,7 +20,6 @@
 #include <json/reader.h>
 
 #include <memory>
-#include <sstream>
 #include <string>
 
 namespace tavix::restclient {
@@ -164,11 +163,11 @@ private:
     static bool parse(std::string const& body, Json::Value& root)
     {
         // Default-configured and built once: constructing a builder costs as much as a small parse.
+        // The body is read where it lies, as parseFromStream would read it after two copies.
         static Json::CharReaderBuilder const builder;
-        std::istringstream in(body);
-        std::string ignored;
+        std::unique_ptr<Json::CharReader> const reader(builder.newCharReader());
         try {
-            return Json::parseFromStream(builder, in, &root, &ignored);
+            return reader->parse(body.data(), body.data() + body.size(), &root, nullptr);
         } catch (Json::Exception const&) {
             // The reader throws rather than fails on some bodies (nesting deeper than its
             // stack limit): still a body that does not parse, not an error to raise.

@@ -24,23 +24,6 @@ TEST_F(UploaderTest, TransferAnswered201IsRetriedThenFails)
     EXPECT_EQ(requestsTo("/blobs/"), 3u);
 }
 
-// Without SetCACertFile the transfer reads /etc/openvpn/ca-bundle.crt: the failure names the file.
-class HttpsUploaderTest : public UploaderTest {
-protected:
-    HttpsUploaderTest() : UploaderTest(httpsConfig()) {}
-};
-
-TEST_F(HttpsUploaderTest, ATransferCaBundleThatCannotBeReadIsNamed)
-{
-    auto uploader = start(makeFile("a.txt", "some bytes"));
-    uploader->SetCACertFile((dir / "missing-ca.pem").string());
-    ASSERT_TRUE(uploader->WaitFinished(kRetryBound));
-    EXPECT_EQ(uploader->errorCode, 77) << uploader->errorMessage;
-    EXPECT_NE(uploader->errorMessage.find("(CA bundle: " + (dir / "missing-ca.pem").string() + ")"), std::string::npos)
-        << uploader->errorMessage;
-    EXPECT_EQ(requestsTo("/blobs/"), 0u);
-}
-
 TEST_F(UploaderTest, RenewerGetsMissingAndLongExpiredTokensOnly)
 {
     controller::OAuthHelper& store = controller::OAuthHelper::Instance();

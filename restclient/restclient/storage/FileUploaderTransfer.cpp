@@ -422,9 +422,12 @@ bool FileUploader::sendOnce(bool& retry)
         CURLcode const failure = progress.stalled ? CURLE_OPERATION_TIMEDOUT : result;
         std::string message = std::string("Upload failed. curl_easy_perform() failed: ") + curl_easy_strerror(failure);
         if (progress.stalled) message += fmt::format(" (no byte moved for {:.0f} seconds)", progress.stallSeconds);
-        if (failure == CURLE_SSL_CACERT_BADFILE) message += " (CA bundle: " + caFile + ")";
-        if (failure == CURLE_SSL_CERTPROBLEM) message += " (client certificate: " + clientCert + ")";
         WORKER_LOG_INFO("[FileUploader] " << message);
+        // The message stays libcurl's; the log names the file it could not use.
+        if (failure == CURLE_SSL_CACERT_BADFILE)
+            WORKER_LOG_ERROR("[FileUploader] The CA bundle " << caFile << " cannot be used.");
+        if (failure == CURLE_SSL_CERTPROBLEM)
+            WORKER_LOG_ERROR("[FileUploader] The client certificate " << clientCert << " cannot be used.");
         setError(failure, message);
         return false;
     }
