@@ -41,5 +41,6 @@
 #include <restclient/storage/ResourceClient.h>
 #include <restclient/storage/ResourceResponse.h>
 #include <restclient/storage/StoreClient.h>
+#include <restclient/storage/UploadQueue.h>
 #include <restclient/veltrun/BasicErrorResponse.h>
 #include <restclient/veltrun/TavixErrorResponse.h>

@@ -34,7 +34,7 @@ inline std::chrono::seconds backoffDelay(int failures, std::chrono::seconds base
     long long ceiling = std::max<long long>(base.count(), 0);
     for (int i = 1; i < failures && ceiling < cap.count(); ++i) ceiling *= 2;
     ceiling = std::min<long long>(ceiling, cap.count());
-    if (ceiling <= 1) return std::chrono::seconds(std::max<long long>(ceiling, 0));
+    if (ceiling <= 1) return std::chrono::seconds(1);
     return std::chrono::seconds(std::uniform_int_distribution<long long>(1, ceiling)(random));
 }
 

@@ -13,6 +13,7 @@
 #include <boost/asio/io_context.hpp>
 
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <vector>
@@ -205,8 +206,10 @@ Stored findStored(StoredQuery const& query, boost::function<bool()> const& cance
         auto const length = static_cast<std::int64_t>(resource.contentLength.value);
         if (length == query.size && query.size > 0) return Stored::yes;
         if (length != 0) continue; // not this file's bytes
-        // An empty body and no body at all both say 0: the download address tells them apart.
-        std::optional<bool> const content = query.size == 0 ? hasContent(resource, token, cancelled, why) : false;
+        // An empty body and no body at all both say 0, and so does a body of 4 GiB or more (the
+        // length is read as 32 bits): the download address tells them apart.
+        bool const lengthTells = query.size > 0 && query.size <= std::int64_t(UINT32_MAX);
+        std::optional<bool> const content = lengthTells ? false : hasContent(resource, token, cancelled, why);
         if (!content) return Stored::unknown;
         if (*content) return Stored::yes;
         bodiless.push_back(resource.href.value);
