@@ -41,7 +41,7 @@ public:
     std::size_t size() const { return m_entries.size(); }
     /// Whether `key` is held.
     bool exists(std::string const& key) const;
-    // The keys in entry order, for callers that list what an object carries.
+    /// The keys in entry order, for callers that list what an object carries.
     std::vector<std::string> keys() const;
 
     /// Adds a string value; a key already held keeps its value (nothing changes). Values of
