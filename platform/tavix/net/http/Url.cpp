@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <array>
 #include <memory>
 
 namespace tavix::net::http {
@@ -42,6 +43,18 @@ boost::system::error_category const& url_category()
 
 Url Url::createUrl(std::string const& text, boost::system::error_code& ec)
 {
+    // Clients build the same few URLs request after request, and a parse through libcurl costs
+    // as much as the rest of setting a request up: the last good ones of this thread are kept.
+    struct Parsed {
+        std::string text;
+        Url url;
+    };
+    thread_local std::array<Parsed, 4> recent;
+    thread_local std::size_t next = 0;
+    for (Parsed const& parsed : recent) {
+        if (parsed.url.m_valid && parsed.text == text) return ec = {}, parsed.url;
+    }
+
     Url url;
     std::unique_ptr<CURLU, CurlUrlDeleter> handle(curl_url());
     if (!handle) {
@@ -66,6 +79,7 @@ Url Url::createUrl(std::string const& text, boost::system::error_code& ec)
         url.m_host = url.m_host.substr(1, url.m_host.size() - 2);
     }
     url.m_valid = true;
+    recent[next++ % recent.size()] = Parsed{text, url};
     ec = {};
     return url;
 }

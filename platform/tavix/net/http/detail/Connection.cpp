@@ -20,7 +20,9 @@ Connection::Connection(asio::io_context& io, std::shared_ptr<TlsClientContext> t
     : m_strand(io), m_tlsContext(std::move(tls)), m_route(std::move(route)),
       m_stream(m_tlsContext ? Stream(std::in_place_type<TlsStream>, io, m_tlsContext->context())
                             : Stream(std::in_place_type<Socket>, io))
-{}
+{
+    m_buffer.reserve(4096); // room for a typical answer in one read
+}
 
 Connection::Socket& Connection::socket()
 {

@@ -12,6 +12,7 @@
 #include <boost/asio/io_context_strand.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/stream.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
 
 #include <atomic>
 #include <cstdint>
@@ -38,6 +39,9 @@ public:
     TlsStream* tls() { return std::get_if<TlsStream>(&m_stream); }
     TlsClientContext* tlsContext() { return m_tlsContext.get(); }
     std::string const& route() const { return m_route; }
+    // What was read and not yet parsed; kept with the connection so that an exchange allocates
+    // none. Empty between exchanges: a connection with bytes left over is never reused.
+    boost::beast::flat_buffer& buffer() { return m_buffer; }
 
     // Calls `f` with the stream that carries HTTP: the socket, or the TLS stream over it.
     template <class F>
@@ -77,6 +81,7 @@ private:
     std::shared_ptr<TlsClientContext> m_tlsContext; // outlives the TLS stream
     std::string m_route;
     Stream m_stream;
+    boost::beast::flat_buffer m_buffer;
     std::atomic<std::uint64_t> m_lease{0};
     bool m_closed = false;
 };

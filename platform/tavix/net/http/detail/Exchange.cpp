@@ -51,7 +51,7 @@ Exchange::Exchange(std::shared_ptr<Connection> connection, bool reused, Connecti
     : m_connection(std::move(connection)), m_reused(reused), m_pool(pool), m_idempotent(idempotent(request.method())),
       m_host(request.url().host()), m_port(request.url().port()), m_peer(m_host + ":" + std::to_string(m_port)),
       m_proxy(std::move(proxy)), m_options(options), m_completion(std::move(completion)),
-      m_timer(m_connection->strand().context())
+      m_timer(m_connection->strand().context()), m_buffer(m_connection->buffer())
 {
     auto const& fields = request.fields();
     m_request.method(request.method());
@@ -73,8 +73,6 @@ Exchange::Exchange(std::shared_ptr<Connection> connection, bool reused, Connecti
         if (!authorization.empty()) m_request.set(field::proxy_authorization, authorization);
     }
     m_parser.body_limit(m_options.maxBodySize);
-    // Room for a typical answer in one read.
-    m_buffer.reserve(4096);
     // The answer to HEAD has no body, whatever its Content-Length says.
     m_parser.skip(request.method() == beast::http::verb::head);
 }

@@ -82,7 +82,7 @@ private:
     bool m_timedOut = false;
     bool m_finished = false;
 
-    boost::beast::flat_buffer m_buffer;
+    boost::beast::flat_buffer& m_buffer; // the connection's
     boost::beast::http::response_parser<boost::beast::http::string_body> m_parser;
 };
 

@@ -49,7 +49,7 @@ void TlsClientContext::resume(SSL* ssl, std::string const& peer)
     if (found == m_sessions.end()) return;
     // A copy: OpenSSL marks the session a connection uses not resumable when that connection ends
     // without a TLS shutdown or (with a client session cache, as libcurl keeps) gets a new ticket.
-    Session const copy(SSL_SESSION_dup(found->second.get()));
+    Session const copy(SSL_SESSION_dup(found->second.copy.get()));
     if (copy) SSL_set_session(ssl, copy.get());
 }
 
@@ -57,13 +57,19 @@ void TlsClientContext::remember(SSL* ssl, std::string const& peer)
 {
     SSL_SESSION* const current = SSL_get_session(ssl);
     if (!current || !SSL_SESSION_is_resumable(current)) return;
+    {
+        // A kept-alive connection brings the same session exchange after exchange: copied once.
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto const found = m_sessions.find(peer);
+        if (found != m_sessions.end() && found->second.source == current) return;
+    }
     // A copy: OpenSSL marks the connection's own session not resumable when the connection ends
     // without a TLS shutdown, as a forced close does.
     Session session(SSL_SESSION_dup(current));
     if (!session) return;
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_sessions.size() >= maxSessions && m_sessions.find(peer) == m_sessions.end()) m_sessions.clear();
-    m_sessions[peer] = std::move(session);
+    m_sessions[peer] = Remembered{std::move(session), current};
 }
 
 std::shared_ptr<TlsClientContext> sharedTlsContext(std::string const& caFile, std::string const& clientCertFile,

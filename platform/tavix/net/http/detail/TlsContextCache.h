@@ -42,9 +42,14 @@ private:
     };
     using Session = std::unique_ptr<SSL_SESSION, SessionFree>;
 
+    struct Remembered {
+        Session copy;
+        SSL_SESSION const* source = nullptr; // the connection's session it was copied from
+    };
+
     boost::asio::ssl::context m_context;
     std::mutex m_mutex;
-    std::map<std::string, Session> m_sessions;
+    std::map<std::string, Remembered> m_sessions;
 };
 
 // `caFile` empty: the system's default CA paths. `clientCertFile` empty: no client certificate;
